@@ -1,0 +1,26 @@
+# Compiler settings shared by every target of the project.
+
+# Warnings as errors on our own code only; third-party headers come in as SYSTEM.
+function(kv_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
+endfunction()
+
+if(KVCORE_SANITIZE)
+  string(REPLACE ";" "," _kv_san "${KVCORE_SANITIZE}")
+  add_compile_options(-fsanitize=${_kv_san} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${_kv_san})
+  message(STATUS "SystemKvCore: building with -fsanitize=${_kv_san}")
+endif()
+
+if(KVCORE_BUILD_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "KVCORE_BUILD_FUZZ needs clang (configure with CMAKE_CXX_COMPILER=clang++)")
+  endif()
+  # Every object is instrumented for coverage; the fuzz targets link the libFuzzer driver.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+# Source names without the build machine's directories, so that file names in
+# diagnostics are the same on every build.
+add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)

@@ -1,0 +1,8 @@
+// SystemKvCore: every exported header of the library.
+#pragma once
+
+#include "DebugManager.h"
+#include "KvExport.h"
+#include "filetime.h"
+#include "sysman.h"
+#include "timers.h"

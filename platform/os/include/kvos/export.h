@@ -1,0 +1,4 @@
+// Export macro of the operating-system boundary library.
+#pragma once
+
+#define KVOS_API __attribute__((visibility("default")))

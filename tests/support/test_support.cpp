@@ -1,0 +1,95 @@
+// Helpers shared by the test suites.
+#include "test_support.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace kvtest {
+
+CaptureSink::CaptureSink() {
+  if (Zub::Core::LogManager* service = Zub::Core::LogManager::Instance()) service->AddSink(this);
+}
+
+CaptureSink::~CaptureSink() {
+  if (Zub::Core::LogManager* service = Zub::Core::LogManager::Instance()) service->RemoveSink(this);
+}
+
+void CaptureSink::Write(const std::string& loggerName, int severity, const std::string& text) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  entries_.push_back({loggerName, severity, text});
+}
+
+std::vector<CaptureSink::Entry> CaptureSink::entries() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return entries_;
+}
+
+std::string CaptureSink::text() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::string all;
+  for (const Entry& e : entries_) all += e.text;
+  return all;
+}
+
+void CaptureSink::clear() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  entries_.clear();
+}
+
+CategoryScope::CategoryScope(DebugType type, bool on)
+    : type_(type), was_(CSL::DebugManager::DebugFlagTest(type)) {
+  CSL::DebugManager::DebugFlagSet(type, on);
+}
+
+CategoryScope::~CategoryScope() { CSL::DebugManager::DebugFlagSet(type_, was_); }
+
+TempDir::TempDir() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "kvtest-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::permissions(path_, std::filesystem::perms::owner_all, std::filesystem::perm_options::add, ec);
+  std::filesystem::remove_all(path_, ec);
+}
+
+int run_in_child(const std::function<int()>& body) {
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("fork failed");
+  if (pid == 0) {
+    int code = 99;
+    try {
+      code = body();
+    } catch (...) {
+      code = 98;
+    }
+    std::fflush(nullptr);
+    _exit(code);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return status;
+}
+
+void write_file(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+}  // namespace kvtest
