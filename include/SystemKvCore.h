@@ -3,6 +3,7 @@
 
 #include "DebugManager.h"
 #include "KvExport.h"
+#include "LIST.h"
 #include "filetime.h"
 #include "heap.h"
 #include "sysman.h"
