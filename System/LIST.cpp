@@ -1,11 +1,14 @@
 // The intrusive doubly linked list, its iterators, and the hash table.
 #include "LIST.h"
 
+#include <algorithm>
+#include <bit>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <typeinfo>
 
 #include "sysman.h"
 
@@ -32,7 +35,107 @@ void* allocate_untracked(std::size_t n) {
   return p;
 }
 
+// The key checksum: s1 = 1 + the bytes, s2 = 1 + the running values of s1,
+// both as 8-bit ones'-complement sums (end-around carry); the result is
+// (s1 - 1) * 255 + (s2 - 1). Such sums stay in 1..255 and are the
+// representatives in 1..255 of the plain sums modulo 255, so the sums are
+// taken wide, eight bytes at a time, and reduced now and then.
+int string_checksum(const char* text) {
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
+  std::size_t n = std::strlen(text);
+  uint64_t s1 = 1;
+  uint64_t s2 = 1;
+  // s2 stays below 2^63 for 2^26 bytes between reductions.
+  constexpr std::size_t kChunk = std::size_t(1) << 26;
+  while (n > 0) {
+    std::size_t chunk = std::min(n, kChunk);
+    n -= chunk;
+    if constexpr (std::endian::native == std::endian::little) {
+      constexpr uint64_t kLanes = 0x00FF00FF00FF00FFull;
+      constexpr uint64_t kSum = 0x0001000100010001ull;
+      // The top 16-bit lane of the products: bytes 0, 2, 4, 6 weighted 8,
+      // 6, 4, 2, and bytes 1, 3, 5, 7 weighted 7, 5, 3, 1.
+      constexpr uint64_t kEvenWeights = 0x0008000600040002ull;
+      constexpr uint64_t kOddWeights = 0x0007000500030001ull;
+      for (; chunk >= 8; chunk -= 8, p += 8) {
+        uint64_t w;
+        std::memcpy(&w, p, 8);
+        const uint64_t even = w & kLanes;
+        const uint64_t odd = (w >> 8) & kLanes;
+        s2 += 8 * s1 + ((even * kEvenWeights) >> 48) + ((odd * kOddWeights) >> 48);
+        s1 += ((even + odd) * kSum) >> 48;
+      }
+    }
+    for (; chunk > 0; --chunk) {
+      s1 += *p++;
+      s2 += s1;
+    }
+    s1 %= 255;
+    s2 %= 255;
+  }
+  const int a = s1 == 0 ? 254 : int(s1) - 1;
+  const int b = s2 == 0 ? 254 : int(s2) - 1;
+  return a * 255 + b;
+}
+
+// The slot of a hash value: the remainder, by a mask when the count is a
+// power of two. Negative values (outside what HashElt promises) still land
+// in the table.
+inline unsigned slot_of(int hash, int count) {
+  const unsigned h = unsigned(hash);
+  const unsigned c = unsigned(count);
+  return (c & (c - 1)) == 0 ? h & (c - 1) : h % c;
+}
+
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Linking, unlinking and stepping: the bodies shared by the exported entry
+// points, kept out of the dynamic symbol table so that they inline.
+
+struct DLlistCore {
+  static void link(DLlist* l, DLlistElt* p, DLlistElt* n, DLlistElt* e) {
+    LIST_EXPECT(e != nullptr, "DLlist::InsertBetween() null element");
+    LIST_EXPECT(e != l, "DLlist::InsertBetween() a list cannot hold itself");
+    LIST_EXPECT(e->parent == nullptr || (e->prev != nullptr ? e->prev->next != e : e->parent->first != e),
+                "DLlist::InsertBetween() element is still in a list");
+    e->prev = p;
+    e->next = n;
+    e->parent = l;
+    if (p != nullptr)
+      p->next = e;
+    else
+      l->first = e;
+    if (n != nullptr)
+      n->prev = e;
+    else
+      l->last = e;
+  }
+
+  static void unlink(DLlist* l, DLlistElt* e, bool keep) {
+    if (e == nullptr || e->parent != l) return;
+    DLlistElt* p = e->prev;
+    DLlistElt* n = e->next;
+    e->parent = nullptr;
+    if (l->first == e) l->first = n;
+    if (l->last == e) l->last = p;
+    if (p != nullptr) p->next = n;
+    if (n != nullptr) n->prev = p;
+    // e keeps its own links, so a step takes an iterator standing on it to n.
+    for (DLlistIter* it = l->checkedOut; it != nullptr; it = it->nextCheckedOut)
+      if (it->current == e) next(it);
+    if (!keep) l->Delete(e);
+  }
+
+  static DLlistElt* next(DLlistIter* it) {
+    if (it->current != nullptr)
+      it->current = it->current->next;
+    else if (!it->atEnd && it->list != nullptr)
+      it->current = it->list->first;
+    if (it->current == nullptr) it->atEnd = true;
+    return it->current;
+  }
+};
 
 // ---------------------------------------------------------------------------
 // Allocation of elements and keys
@@ -103,7 +206,7 @@ DLlistElt* DLlistElt::DupTree(heap* h) const {
   DLlist* copy = static_cast<DLlist*>(d);
   try {
     for (const DLlistElt* c = static_cast<const DLlist*>(this)->first; c != nullptr; c = c->next)
-      if (DLlistElt* child = c->DupTree(h)) copy->InsertBetween(copy->last, nullptr, child);
+      if (DLlistElt* child = c->DupTree(h)) DLlistCore::link(copy, copy->last, nullptr, child);
   } catch (...) {
     delete d;
     throw;
@@ -142,36 +245,20 @@ DLlist::~DLlist() {
 
 int DLlist::IsList() const { return 1; }
 
-void DLlist::InsertBetween(DLlistElt* p, DLlistElt* n, DLlistElt* e) {
-  LIST_EXPECT(e != nullptr, "DLlist::InsertBetween() null element");
-  LIST_EXPECT(e != this, "DLlist::InsertBetween() a list cannot hold itself");
-  LIST_EXPECT(e->parent == nullptr || (e->prev != nullptr ? e->prev->next != e : e->parent->first != e),
-              "DLlist::InsertBetween() element is still in a list");
-  e->prev = p;
-  e->next = n;
-  e->parent = this;
-  if (p != nullptr)
-    p->next = e;
-  else
-    first = e;
-  if (n != nullptr)
-    n->prev = e;
-  else
-    last = e;
-}
+void DLlist::InsertBetween(DLlistElt* p, DLlistElt* n, DLlistElt* e) { DLlistCore::link(this, p, n, e); }
 
 void DLlist::InsertAfter(DLlistElt* after, DLlistElt* e) {
   if (after == nullptr)
-    InsertBetween(nullptr, first, e);
+    DLlistCore::link(this, nullptr, first, e);
   else
-    InsertBetween(after, after->next, e);
+    DLlistCore::link(this, after, after->next, e);
 }
 
 void DLlist::InsertBefore(DLlistElt* before, DLlistElt* e) {
   if (before == nullptr)
-    InsertBetween(last, nullptr, e);
+    DLlistCore::link(this, last, nullptr, e);
   else
-    InsertBetween(before->prev, before, e);
+    DLlistCore::link(this, before->prev, before, e);
 }
 
 void DLlist::InsertEnd(const DLlist& other) {
@@ -181,7 +268,7 @@ void DLlist::InsertEnd(const DLlist& other) {
   // itself copies each element once.
   const DLlistElt* stop = other.last;
   for (const DLlistElt* c = other.first; c != nullptr; c = c->next) {
-    if (DLlistElt* copy = c->DupTree(h)) InsertBetween(last, nullptr, copy);
+    if (DLlistElt* copy = c->DupTree(h)) DLlistCore::link(this, last, nullptr, copy);
     if (c == stop) break;
   }
 }
@@ -191,20 +278,7 @@ void DLlist::Copy(const DLlist& other) {
   InsertEnd(other);
 }
 
-void DLlist::Remove(DLlistElt* e, bool keep) {
-  if (e == nullptr || e->parent != this) return;
-  DLlistElt* p = e->prev;
-  DLlistElt* n = e->next;
-  e->parent = nullptr;
-  if (first == e) first = n;
-  if (last == e) last = p;
-  if (p != nullptr) p->next = n;
-  if (n != nullptr) n->prev = p;
-  // e keeps its own links, so Next() takes an iterator standing on it to n.
-  for (DLlistIter* it = checkedOut; it != nullptr; it = it->nextCheckedOut)
-    if (it->current == e) it->Next();
-  if (!keep) Delete(e);
-}
+void DLlist::Remove(DLlistElt* e, bool keep) { DLlistCore::unlink(this, e, keep); }
 
 void DLlist::Remove(bool keep) {
   for (DLlistIter* it = checkedOut; it != nullptr;) {
@@ -351,7 +425,7 @@ void DLlistIter::ClearList() {
 int DLlistIter::Index() const { return list != nullptr ? list->Index(current) : -1; }
 
 void DLlistIter::Remove(bool keep) {
-  if (list != nullptr) list->Remove(current, keep);
+  if (list != nullptr) DLlistCore::unlink(list, current, keep);
 }
 
 DLlistElt* DLlistIter::Extract() {
@@ -370,15 +444,7 @@ DLlistElt* DLlistIter::Last() {
   return current;
 }
 
-DLlistElt* DLlistIter::Next() {
-  if (BOL()) {
-    if (list != nullptr) current = list->first;
-  } else if (current != nullptr) {
-    current = current->next;
-  }
-  if (current == nullptr) atEnd = true;
-  return current;
-}
+DLlistElt* DLlistIter::Next() { return DLlistCore::next(this); }
 
 DLlistElt* DLlistIter::Prev() {
   if (EOL()) {
@@ -477,30 +543,7 @@ void HashString::dump() {
 #pragma GCC diagnostic pop
 }
 
-int HashString::Hash() {
-  // Ones'-complement sums with end-around carry keep s1 and s2 in 1..255, so
-  // they are the representatives in 1..255 of plain sums taken modulo 255:
-  // accumulate wide and reduce once per chunk.
-  const unsigned char* p = reinterpret_cast<const unsigned char*>(string);
-  uint64_t s1 = 1;
-  uint64_t s2 = 1;
-  for (;;) {
-    unsigned c = 0;
-    std::size_t n = 0;
-    while ((c = *p) != 0 && n < (std::size_t(1) << 20)) {
-      s1 += c;
-      s2 += s1;
-      ++p;
-      ++n;
-    }
-    s1 %= 255;
-    s2 %= 255;
-    if (c == 0) break;
-  }
-  const int a = s1 == 0 ? 254 : int(s1) - 1;
-  const int b = s2 == 0 ? 254 : int(s2) - 1;
-  return a * 255 + b;
-}
+int HashString::Hash() { return string_checksum(string); }
 
 bool HashString::Equal(HashElt& other) {
   return std::strcmp(string, static_cast<HashString&>(other).string) == 0;
@@ -550,18 +593,26 @@ HashTab::~HashTab() {
 
 HashElt* HashTab::Lookup(HashElt* key) {
   if (key == nullptr) return nullptr;
-  const unsigned slot = unsigned(key->Hash()) % unsigned(bucketCount);
+  const bool plainKey = typeid(*key) == typeid(HashString);
+  // Plain HashString keys, the common case, go without the virtual calls.
+  const char* text = plainKey ? static_cast<HashString*>(key)->String() : nullptr;
+  const unsigned slot = slot_of(plainKey ? string_checksum(text) : key->Hash(), bucketCount);
   const HashBucket* bucket = buckets[slot];
   if (bucket == nullptr) return nullptr;
   for (DLlistElt* w = bucket->First(); w != nullptr; w = static_cast<HashBucketElt*>(w)->Next()) {
     HashElt* stored = static_cast<HashBucketElt*>(w)->item;
-    if (stored != nullptr && stored->Equal(*key)) return stored;
+    if (stored == nullptr) continue;
+    if (plainKey && typeid(*stored) == typeid(HashString)) {
+      if (std::strcmp(static_cast<HashString*>(stored)->String(), text) == 0) return stored;
+    } else if (stored->Equal(*key)) {
+      return stored;
+    }
   }
   return nullptr;
 }
 
 void HashTab::Place(HashElt* e) {
-  const unsigned slot = unsigned(e->Hash()) % unsigned(bucketCount);
+  const unsigned slot = slot_of(e->Hash(), bucketCount);
   HashBucket*& bucket = buckets[slot];
   if (bucket == nullptr) bucket = new (reinterpret_cast<_FindHeap*>(this), kSource, __LINE__) HashBucket;
   bucket->InsertEnd(new (reinterpret_cast<_FindHeap*>(this), kSource, __LINE__) HashBucketElt(e));
@@ -587,7 +638,7 @@ void HashTab::Insert(HashElt* e) {
 }
 
 void HashTab::Unplace(HashElt* e) {
-  HashBucket* bucket = buckets[unsigned(e->Hash()) % unsigned(bucketCount)];
+  HashBucket* bucket = buckets[slot_of(e->Hash(), bucketCount)];
   if (bucket == nullptr) return;
   for (DLlistElt* w = bucket->First(); w != nullptr; w = static_cast<HashBucketElt*>(w)->Next()) {
     if (static_cast<HashBucketElt*>(w)->item == e) {

@@ -36,6 +36,7 @@
 
 class DLlist;
 class DLlistIter;
+struct DLlistCore;
 
 // An element of a DLlist. Derive from it; override DupElt to make the element
 // copyable through DupTree, DLlist::Copy and DLlist::InsertEnd(const DLlist&).
@@ -88,6 +89,7 @@ class KVCORE_API DLlistElt {
  private:
   friend class DLlist;
   friend class DLlistIter;
+  friend struct DLlistCore;
 
   DLlistElt* prev;  // previous element of the holding list, null at the front
   DLlistElt* next;  // following element, null at the back
@@ -162,6 +164,7 @@ class KVCORE_API DLlist : public DLlistElt {
  private:
   friend class DLlistElt;
   friend class DLlistIter;
+  friend struct DLlistCore;
 
   DLlistIter* checkedOut;  // the iterators walking this list
   bool deleteElements;     // the list owns its elements
@@ -251,6 +254,7 @@ class KVCORE_API DLlistIter {
 
  private:
   friend class DLlist;
+  friend struct DLlistCore;
 
   DLlistElt* current;        // the element stood on, or null
   bool atEnd;                // with no element: false BOL, true EOL

@@ -2,6 +2,9 @@
 // placement and the shallow copies of keys and tables.
 #include <gtest/gtest.h>
 
+#include <strings.h>
+
+#include <cctype>
 #include <map>
 #include <new>
 #include <random>
@@ -96,20 +99,44 @@ TEST(HashTab, GrowthAt8_16_32_64KeepsEveryKey) {
   std::vector<std::string> names;
   for (int n = 1; n <= 20; ++n) {
     names.push_back("key" + std::to_string(n * 37));
-    t.Insert(new Key(names.back()));
+    // Plain keys and keys of a derived class, looked up with both.
+    t.Insert(n % 2 != 0 ? new HashString(names.back().c_str()) : new Key(names.back()));
     ASSERT_EQ(t.slots(), n < 4 ? 8 : n < 8 ? 16 : n < 16 ? 32 : 64) << "after " << n << " insertions";
     EXPECT_EQ(t.inserts(), n) << "a growth counts the items again";
-    for (const std::string& n : names) {
-      Key probe(n);
-      HashElt* found = t.Lookup(probe);
-      ASSERT_NE(found, nullptr) << n << " after " << names.size();
-      EXPECT_EQ(static_cast<Key*>(found)->String(), n);
-      EXPECT_NE(found, &probe);
+    for (const std::string& name : names) {
+      HashString plain(name.c_str());
+      Key derived(name);
+      HashElt* found = t.Lookup(plain);
+      ASSERT_NE(found, nullptr) << name << " after " << n;
+      EXPECT_EQ(static_cast<HashString*>(found)->String(), name);
+      EXPECT_EQ(t.Lookup(derived), found);
     }
   }
-  Key absent("absent");
+  HashString absent("absent");
   EXPECT_EQ(t.Lookup(&absent), nullptr);
   EXPECT_EQ(t.Lookup(nullptr), nullptr);
+}
+
+// A key class with an equality of its own: the stored element's Equal decides.
+struct NoCase : HashString {
+  explicit NoCase(const char* s) : HashString(s) {}
+  int Hash() override {
+    std::string low = String();
+    for (char& c : low) c = char(std::tolower(static_cast<unsigned char>(c)));
+    return Key(low).Hash();
+  }
+  bool Equal(HashElt& other) override { return strcasecmp(String(), static_cast<HashString&>(other).String()) == 0; }
+};
+
+TEST(HashTab, TheStoredElementsEqualDecides) {
+  HashTab t;
+  auto* stored = new NoCase("MixedCase");
+  t.Insert(stored);
+  t.Insert(new HashString("other"));
+  HashString plain("mixedcase");
+  EXPECT_EQ(t.Lookup(plain), stored);
+  HashString almost("mixedcas");
+  EXPECT_EQ(t.Lookup(almost), nullptr);
 }
 
 TEST(HashTab, LookupCreatesNoBucketAndDuplicatesAbort) {
@@ -193,6 +220,12 @@ TEST(HashTab, DumpOrderAndOddSizes) {
   testing::internal::CaptureStdout();
   small.dump();
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "o\nq\n1\na\n");
+
+  Table twelve(12);  // not a power of two: the plain remainder
+  twelve.Insert(new HashString("a"));
+  EXPECT_NE(twelve.slot(24833 % 12), nullptr);
+  HashString a("a");
+  EXPECT_NE(twelve.Lookup(a), nullptr);
 
   Table one(0);
   for (int i = 0; i < 5; ++i) one.Insert(new Key(std::to_string(i)));

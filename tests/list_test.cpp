@@ -372,7 +372,8 @@ TEST(DLlistNesting, DestroyingOrRemovingNestedListsMovesIteratorsUp) {
 bool all_in(const DLlistElt* e, heap* h) {
   if (heapman_mgr::find(e) != h) return false;
   if (e->IsList() == 0) return true;
-  for (DLlistElt* c = static_cast<const Branch*>(e)->First(); c != nullptr; c = static_cast<Item*>(c)->Next())
+  Iter it(static_cast<const DLlist*>(e));
+  while (DLlistElt* c = it.Next())
     if (!all_in(c, h)) return false;
   return true;
 }
@@ -381,8 +382,8 @@ bool all_in(const DLlistElt* e, heap* h) {
 std::string shape(const DLlistElt* e) {
   if (e->IsList() == 0) return std::to_string(static_cast<const Item*>(e)->v);
   std::string s = std::to_string(static_cast<const Branch*>(e)->tag) + "[";
-  for (DLlistElt* c = static_cast<const Branch*>(e)->First(); c != nullptr; c = static_cast<Item*>(c)->Next())
-    s += (s.back() == '[' ? "" : " ") + shape(c);
+  Iter it(static_cast<const DLlist*>(e));
+  while (DLlistElt* c = it.Next()) s += (s.back() == '[' ? "" : " ") + shape(c);
   return s + "]";
 }
 
