@@ -516,6 +516,10 @@ heap* heap::holder_by_range(const void* p) {
 // heapman_mgr
 
 heapman_mgr::~heapman_mgr() {
+  // kvExitFunc normally runs first and tears the heaps down. Where an exit
+  // sequence runs it later (a sanitizer's deferred exit handlers), the heaps
+  // still need their lock then, so it stays.
+  if (mainheap != nullptr) return;
   delete m_Mutex;
   m_Mutex = nullptr;
 }
