@@ -2,11 +2,14 @@
 #include "sysman.h"
 
 #include <cstdarg>
+#include <cstdlib>
 #include <cstdio>
 
 #include "DebugManager.h"
+#include "heap.h"
 #include "kvinit.h"
 #include "kvos/debugger.h"
+#include "kvos/module.h"
 #include "kvos/time.h"
 
 // ---------------------------------------------------------------------------
@@ -198,3 +201,26 @@ file_timestamp SysManager::Time() {
   if (kvos::calendar_to_file_time(now, fileTime)) kvos::file_time_to_dos(fileTime, stamp.date, stamp.time);
   return stamp;
 }
+
+// ---------------------------------------------------------------------------
+// Library load and unload
+
+void kvExitFunc() {
+  if (mainheap == nullptr) return;
+  kvos::debugger_output("kvExitFunc: deleting mainheap\n");
+  heap* root = mainheap;
+  root->~heap();
+  mainheap = nullptr;
+  KvOperatorDelete(root);
+}
+
+namespace {
+
+// Process attach: runs after every global of the library is constructed, so
+// kvExitFunc runs before their destructors.
+__attribute__((constructor(KV_PRIO_ATTACH))) void kv_process_attach() {
+  SysManager::m_hModule = kvos::executable_module();
+  std::atexit(kvExitFunc);
+}
+
+}  // namespace

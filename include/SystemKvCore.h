@@ -4,5 +4,6 @@
 #include "DebugManager.h"
 #include "KvExport.h"
 #include "filetime.h"
+#include "heap.h"
 #include "sysman.h"
 #include "timers.h"

@@ -102,6 +102,11 @@ KVCORE_API void sys_abort(const char* text);
 // The build date text of this library, as code contexts carry it.
 KVCORE_API const char* KvBuildDate();
 
+// Runs at process exit (registered when the library is loaded): when mainheap
+// exists, writes "kvExitFunc: deleting mainheap" to the debugger output and
+// destroys mainheap, and with it every heap.
+KVCORE_API void kvExitFunc();
+
 // The library's static front door.
 class KVCORE_API SysManager {
  public:
