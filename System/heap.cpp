@@ -19,6 +19,14 @@
 
 namespace {
 
+// A pointer as the dumps print it: sixteen upper-case hexadecimal digits, the
+// way the original platform's %p writes it, so that "0x%p" reads 0x0000...
+std::string pointer_text(const void* p) {
+  char text[24];
+  std::snprintf(text, sizeof text, "%016llX", static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(p)));
+  return text;
+}
+
 constexpr size_t kRecord = sizeof(heap_record);
 constexpr size_t kDefaultSize = 0x9000000;
 constexpr size_t kMainSize = 0x12000000;
@@ -799,7 +807,7 @@ void heap::dump_cur_allocs() {
     const unsigned char* user;
     size_t size;
     if (plain) {
-      line = format("{99999} normal block at 0x%p, %d bytes long.\n", e.lpData, static_cast<int>(e.cbData));
+      line = format("{99999} normal block at 0x%s, %d bytes long.\n", pointer_text(e.lpData).c_str(), static_cast<int>(e.cbData));
       user = static_cast<const unsigned char*>(e.lpData);
       size = e.cbData;
     } else {
@@ -807,7 +815,8 @@ void heap::dump_cur_allocs() {
       const heap_record* record = static_cast<const heap_record*>(e.lpData);
       if ((record->state & heap_record_marked) != 0) continue;
       size = e.cbData - kRecord;
-      line = format("%s(%d) : {99999} normal block at 0x%p, %d bytes long.\n", record->file, record->line, e.lpData,
+      line = format("%s(%d) : {99999} normal block at 0x%s, %d bytes long.\n", record->file, record->line,
+                    pointer_text(e.lpData).c_str(),
                     static_cast<int>(size));
       user = static_cast<const unsigned char*>(e.lpData) + kRecord;
     }
@@ -848,10 +857,10 @@ void heap::debug_print(char* line, int level) {
   }
   const auto real = static_cast<unsigned>(overhead + freeBytes + used);
   if (m_base != nullptr)
-    std::sprintf(line, "%d %s %d %p %p %8u %9u %9u %9u 9u", 12, m_name, level, static_cast<void*>(this),
-                 static_cast<void*>(m_base), real, static_cast<unsigned>(freeBytes), largest, used);
+    std::sprintf(line, "%d %s %d %s %s %8u %9u %9u %9u 9u", 12, m_name, level, pointer_text(this).c_str(),
+                 pointer_text(m_base).c_str(), real, static_cast<unsigned>(freeBytes), largest, used);
   else
-    std::sprintf(line, "%d %s %d %p %d %s %8u %8u %9u %9u %9u", 12, m_name, level, static_cast<void*>(this), 8, "",
+    std::sprintf(line, "%d %s %d %s %d %s %8u %8u %9u %9u %9u", 12, m_name, level, pointer_text(this).c_str(), 8, "",
                  real, static_cast<unsigned>(freeBytes), largest, used, static_cast<unsigned>(committed));
   m_uncommitted = committed;
   m_alloc = used;

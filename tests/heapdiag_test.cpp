@@ -24,7 +24,7 @@ struct HeapAccess : heap {
 
 std::string ptr(const void* p) {
   char text[32];
-  std::snprintf(text, sizeof text, "%p", p);
+  std::snprintf(text, sizeof text, "%016llX", static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(p)));
   return text;
 }
 
