@@ -59,6 +59,15 @@ const char* trim(const char* text, size_t max, size_t& length) {
   return text;
 }
 
+// Length of the "\\server\share" part of a network text (all of it when
+// there is no more).
+size_t share_length(const char* text) {
+  size_t separators = 0;
+  for (size_t i = 0; text[i] != '\0'; ++i)
+    if (text[i] == '\\' && ++separators == 4) return i;
+  return std::strlen(text);
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -313,8 +322,10 @@ dirname& dirname::operator<<(const char* in) {
   return *this;
 }
 
+
 void dirname::parse(const char* s, size_t n) {
-  // Built aside: the start may be this object's own text or a CWD slot.
+  // Built aside: the start may be this object's own text or a CWD slot. A
+  // network text is built with its leading "\\" from the start.
   char work[kNameMax + 4];
   size_t len = 0;
   size_t pos = 0;
@@ -323,7 +334,6 @@ void dirname::parse(const char* s, size_t n) {
     std::memcpy(work, from, len);
   };
 
-  const bool network = n >= 2 && s[0] == '\\' && s[1] == '\\';
   const int drive = ascii_lower(static_cast<unsigned char>(s[0]));
   if (n >= 2 && s[1] == ':' && is_drive_char(drive)) {
     if (n == 2 || s[2] != '\\') {
@@ -341,8 +351,10 @@ void dirname::parse(const char* s, size_t n) {
       len = 2;
       pos = 3;
     }
-  } else if (network) {
-    start_with(text, kNameMax);
+  } else if (n >= 2 && s[0] == '\\' && s[1] == '\\') {
+    // A network path is absolute: it replaces whatever this object held.
+    work[0] = '\\';
+    len = 1;
     pos = 2;
   } else if (s[0] != '\\') {
     // Relative: from this directory, or from the start directory.
@@ -355,14 +367,14 @@ void dirname::parse(const char* s, size_t n) {
     if (len > 0 && work[len - 1] == '\\') --len;
     pos = 0;
   } else {
-    // Rooted ("\data"): on this directory's drive, or the start directory's.
+    // Rooted ("\data"): on this directory's drive (or share), or the start directory's drive.
     const dirname& base = valid ? *this : CWD::Start();
     if (!base.valid || (!valid && base.drive() == 0)) {
       init();
       return;
     }
-    if (valid) {
-      start_with(text, 2);
+    if (base.text[0] == '\\') {
+      start_with(base.text, share_length(base.text));
     } else {
       work[0] = base.text[0];
       work[1] = ':';
@@ -385,7 +397,8 @@ void dirname::parse(const char* s, size_t n) {
     if (partLen == 2 && part[0] == '.' && part[1] == '.') {
       size_t cut = len;
       while (cut > 0 && work[cut - 1] != '\\') --cut;
-      if (cut == 0) {
+      // Never above the drive, nor above the server of a network path.
+      if (cut == 0 || (work[0] == '\\' && cut < 4)) {
         init();
         return;
       }
@@ -411,17 +424,15 @@ void dirname::parse(const char* s, size_t n) {
     i = j + 1;  // past the separator; a single trailing one ends the walk
   }
 
-  if (network) {
-    if (len + 1 > kNameMax) {
-      std::memcpy(text, work, len);
-      text[len] = '\0';
+  if (work[0] == '\\' && len > 0) {
+    // A network directory names at least its server.
+    if (len < 3 || work[1] != '\\') {
+      init();
       return;
     }
-    std::memmove(work + 1, work, len);
-    work[0] = '\\';
-    ++len;
+  } else if (len <= 2) {
+    work[len++] = '\\';  // a bare "x:" is the root "x:\"
   }
-  if (len <= 2) work[len++] = '\\';  // a bare "x:" is the root "x:\"
   std::memcpy(text, work, len);
   text[len] = '\0';
   valid = true;

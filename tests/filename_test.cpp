@@ -287,6 +287,22 @@ TEST(DirNameParse, NetworkPaths) {
   d << "..\\x";
   EXPECT_EQ(text_of(d), "\\\\server\\other\\x") << "relative text below a network directory";
   EXPECT_FALSE(dirname("\\\\server\\\\share").is_valid());
+
+  dirname replaced("c:\\a\\b");
+  replaced << "\\\\srv\\share";
+  EXPECT_EQ(text_of(replaced), "\\\\srv\\share") << "a network path replaces the directory";
+  replaced << "\\top";
+  EXPECT_EQ(text_of(replaced), "\\\\srv\\share\\top") << "rooted text stays on the share";
+  replaced << "..\\..";
+  EXPECT_EQ(text_of(replaced), "\\\\srv");
+  replaced << "..";
+  EXPECT_FALSE(replaced.is_valid()) << "climbing above the server";
+  EXPECT_FALSE(dirname("\\\\").is_valid()) << "no server";
+  EXPECT_FALSE(dirname("\\\\srv\\..").is_valid());
+  EXPECT_EQ(text_of(pathname("\\\\srv\\share\\x.txt").dir()), "\\\\srv\\share");
+  pathname onShare("c:\\a\\b.txt");
+  onShare << "\\\\srv\\share\\x.txt";
+  EXPECT_EQ(text_of(onShare), "\\\\srv\\share\\x.txt");
 }
 
 TEST(DirNameParse, RelativeTextResolvesAgainstTheObjectOrTheStartDirectory) {
