@@ -68,6 +68,95 @@ size_t share_length(const char* text) {
   return std::strlen(text);
 }
 
+// A checked name: its kept text, the base at its start and the extension.
+struct NameParts {
+  char kept[2 * kNameMax + 2];
+  size_t baseLen;
+  bool dot;
+  size_t extStart;
+  size_t extLen;
+};
+
+// Checks one name and splits it (the parsing rules of filename). False when
+// the name is invalid.
+bool split_name(const char* text, size_t length, NameParts& out) {
+  if (length == 0) return false;
+  size_t lastDot = length;  // none
+  for (size_t i = length; i-- > 0;)
+    if (text[i] == '.') {
+      lastDot = i;
+      break;
+    }
+
+  // The kept text: at most 256 base characters, a dot, at most 256 more.
+  char* kept = out.kept;
+  size_t k = 0;
+  size_t count = 0;
+  bool extension = false;
+  for (size_t i = 0; i < length; ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const bool legal = kLegal[c];
+    if (!extension) {
+      if (count == 0) {
+        if (!legal) return false;  // a leading dot included
+        kept[k++] = static_cast<char>(c);
+        count = 1;
+      } else if (count < kNameMax) {
+        if (legal) {
+          kept[k++] = static_cast<char>(c);
+          ++count;
+        } else if (c == '.') {
+          kept[k++] = '.';
+          if (i == lastDot)
+            extension = true, count = 0;
+          else
+            ++count;
+        } else {
+          return false;
+        }
+      } else if (c == '.') {  // base full: any dot opens the extension
+        kept[k++] = '.';
+        extension = true;
+        count = 0;
+      } else if (!legal) {
+        return false;
+      }
+    } else {
+      if (!legal) return false;  // a further dot included
+      if (count < kNameMax) {
+        kept[k++] = static_cast<char>(c);
+        ++count;
+      }
+    }
+  }
+  if (k == 0) return false;
+
+  // The base: the first 256 kept characters, cut at their last dot.
+  size_t baseLen = k < kNameMax ? k : kNameMax;
+  for (size_t i = baseLen; i-- > 0;)
+    if (kept[i] == '.') {
+      baseLen = i;
+      break;
+    }
+  if (baseLen <= 6)
+    for (const char* reserved : filename::name_reserved)
+      if (std::strlen(reserved) == baseLen && std::memcmp(kept, reserved, baseLen) == 0) return false;
+  out.baseLen = baseLen;
+
+  // The extension: what follows the kept text's last dot.
+  out.dot = false;
+  out.extStart = k;
+  for (size_t i = k; i-- > 0;)
+    if (kept[i] == '.') {
+      out.dot = true;
+      out.extStart = i + 1;
+      break;
+    }
+  out.extLen = k - out.extStart;
+  if (out.extLen > kNameMax) out.extLen = kNameMax;
+  return true;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -96,74 +185,13 @@ filename& filename::operator<<(const char* text) {
 
 void filename::parse(const char* text, size_t length) {
   init();
-  if (length == 0) return;
-
-  size_t lastDot = length;  // none
-  for (size_t i = length; i-- > 0;)
-    if (text[i] == '.') {
-      lastDot = i;
-      break;
-    }
-
-  // The kept text: at most 256 base characters, a dot, at most 256 more.
-  char kept[2 * kNameMax + 2];
-  size_t k = 0;
-  size_t count = 0;
-  bool extension = false;
-  for (size_t i = 0; i < length; ++i) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    const bool legal = kLegal[c];
-    if (!extension) {
-      if (count == 0) {
-        if (!legal) return;  // a leading dot included
-        kept[k++] = static_cast<char>(c);
-        count = 1;
-      } else if (count < kNameMax) {
-        if (legal) {
-          kept[k++] = static_cast<char>(c);
-          ++count;
-        } else if (c == '.') {
-          kept[k++] = '.';
-          if (i == lastDot)
-            extension = true, count = 0;
-          else
-            ++count;
-        } else {
-          return;
-        }
-      } else if (c == '.') {  // base full: any dot opens the extension
-        kept[k++] = '.';
-        extension = true;
-        count = 0;
-      } else if (!legal) {
-        return;
-      }
-    } else {
-      if (!legal) return;  // a further dot included
-      if (count < kNameMax) {
-        kept[k++] = static_cast<char>(c);
-        ++count;
-      }
-    }
-  }
-  if (k == 0) return;
-  kept[k] = '\0';
-
-  // The base: the first 256 kept characters, cut at their last dot.
-  const size_t baseLen = k < kNameMax ? k : kNameMax;
-  std::memcpy(pre, kept, baseLen);
-  pre[baseLen] = '\0';
-  if (char* cut = std::strrchr(pre, '.')) *cut = '\0';
-  for (const char* reserved : name_reserved)
-    if (std::strcmp(pre, reserved) == 0) {
-      init();
-      return;
-    }
-
-  if (const char* keptDot = std::strrchr(kept, '.')) {
-    dot = true;
-    copy_limited(post, keptDot + 1, kNameMax);
-  }
+  NameParts parts;
+  if (!split_name(text, length, parts)) return;
+  std::memcpy(pre, parts.kept, parts.baseLen);
+  pre[parts.baseLen] = '\0';
+  dot = parts.dot;
+  std::memcpy(post, parts.kept + parts.extStart, parts.extLen);
+  post[parts.extLen] = '\0';
   build_value();
 }
 
@@ -404,13 +432,13 @@ void dirname::parse(const char* s, size_t n) {
       }
       len = cut - 1;
     } else if (!(partLen == 1 && part[0] == '.')) {
-      filename name;
-      name.parse(part, partLen);
-      if (!name.valid) {
+      NameParts name;
+      if (!split_name(part, partLen, name) || name.baseLen == 0) {
         init();
         return;
       }
-      const size_t valueLen = std::strlen(name.value);
+      // Stored in its normalised form: base, then "." and the extension.
+      const size_t valueLen = name.baseLen + (name.dot ? 1 + name.extLen : 0);
       if (len + 1 + valueLen > kNameMax) {
         // Too long: stop, invalid, keeping what was built.
         std::memcpy(text, work, len);
@@ -418,7 +446,11 @@ void dirname::parse(const char* s, size_t n) {
         return;
       }
       work[len] = '\\';
-      std::memcpy(work + len + 1, name.value, valueLen);
+      std::memcpy(work + len + 1, name.kept, name.baseLen);
+      if (name.dot) {
+        work[len + 1 + name.baseLen] = '.';
+        std::memcpy(work + len + 2 + name.baseLen, name.kept + name.extStart, name.extLen);
+      }
       len += 1 + valueLen;
     }
     i = j + 1;  // past the separator; a single trailing one ends the walk
