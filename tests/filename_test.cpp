@@ -299,6 +299,7 @@ TEST(DirNameParse, NetworkPaths) {
   EXPECT_FALSE(replaced.is_valid()) << "climbing above the server";
   EXPECT_FALSE(dirname("\\\\").is_valid()) << "no server";
   EXPECT_FALSE(dirname("\\\\srv\\..").is_valid());
+  EXPECT_FALSE(dirname("\\\\srv\\..\\other").is_valid()) << "not even onto another server";
   EXPECT_EQ(text_of(pathname("\\\\srv\\share\\x.txt").dir()), "\\\\srv\\share");
   pathname onShare("c:\\a\\b.txt");
   onShare << "\\\\srv\\share\\x.txt";
