@@ -77,7 +77,6 @@ class KVCORE_API filename {
   bool operator!=(const filename& other) const { return !(*this == other); }
 
  private:
-  friend class dirname;
   friend class pathname;
   friend class wild_match;
   void parse(const char* text, size_t length);

@@ -271,3 +271,34 @@ TEST(CwdAtLoad, OverlongExecutablePathAborts) {
   const int aborted = std::system(("'" + longCopy + "'" + args).c_str());
   EXPECT_FALSE(WIFEXITED(aborted) && WEXITSTATUS(aborted) == 0) << "a path over 251 characters stops at load";
 }
+
+TEST_F(Cwd, DriveTableInterfaceForHosts) {
+  bool listed = false;
+  for (const DriveMapping& d : drive_list())
+    if (d.letter == 'q') {
+      listed = true;
+      EXPECT_EQ(d.root, root_);
+      EXPECT_EQ(d.type, kvos::drive_type('q'));
+    }
+  EXPECT_TRUE(listed);
+  EXPECT_FALSE(drive_map('q', nullptr));
+  EXPECT_EQ(kvos::drive_root('q'), root_) << "a refused mapping changes nothing";
+
+  std::string host, dos;
+  EXPECT_TRUE(host_to_dos_path((root_ + "/sub").c_str(), dos));
+  EXPECT_EQ(dos, "q:\\sub");
+  EXPECT_TRUE(dos_to_host_path("q:\\SUB\\deeper", host));
+  EXPECT_EQ(host, root_ + "/sub/deeper");
+  EXPECT_FALSE(dos_to_host_path(nullptr, host));
+  EXPECT_FALSE(host_to_dos_path(nullptr, dos));
+
+  const std::string savedNetwork = network_root();
+  EXPECT_FALSE(network_root_set("relative"));
+  EXPECT_EQ(network_root(), "");
+  ASSERT_TRUE(network_root_set(root_.c_str()));
+  EXPECT_TRUE(dos_to_host_path("\\\\server\\share\\f.txt", host));
+  EXPECT_EQ(host, root_ + "/server/share/f.txt");
+  EXPECT_TRUE(network_root_set(nullptr));
+  EXPECT_FALSE(dos_to_host_path("\\\\server\\share\\f.txt", host));
+  network_root_set(savedNetwork.c_str());
+}
