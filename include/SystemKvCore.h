@@ -2,6 +2,7 @@
 #pragma once
 
 #include "DebugManager.h"
+#include "FILENAME.h"
 #include "KvExport.h"
 #include "filetime.h"
 #include "heap.h"
