@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <string>
 
 #include "DebugManager.h"
@@ -18,12 +19,23 @@
 
 namespace {
 
+// A pointer as the dumps print it: sixteen upper-case hexadecimal digits, the
+// way the original platform's %p writes it, so that "0x%p" reads 0x0000...
+std::string pointer_text(const void* p) {
+  char text[24];
+  std::snprintf(text, sizeof text, "%016llX", static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(p)));
+  return text;
+}
+
 constexpr size_t kRecord = sizeof(heap_record);
 constexpr size_t kDefaultSize = 0x9000000;
 constexpr size_t kMainSize = 0x12000000;
 constexpr size_t kLargeSize = 0x24000000;
 
 const Zub::Core::Elapse kHeapWait KV_INIT(KV_PRIO_HEAP) = Zub::Core::Elapse(0x7FFFFFFF, 3);
+
+// Set while the process has one thread (null until the heaps are initialized).
+const volatile char* g_singleThreaded = nullptr;
 
 // The creator of the block being allocated, set by the tracked operator new
 // just before it allocates and read by the record writer, under the lock.
@@ -150,13 +162,64 @@ KvHeapClearHelper g_clearHelper;
 
 }  // namespace
 
-// The heap lock, held for the whole of each public operation.
+// The heap lock, held for the whole of each public operation; without a
+// mutex it fails its assertion. On the allocation paths (hot), while the
+// process has a single thread, the mutex is left alone: nothing can race and
+// it could never block. Operations that call out while holding the lock (the
+// diagnostics write through the logging service) always take it.
 class heap_lock {
  public:
-  heap_lock() : m_lock(heapman_mgr::m_Mutex, kHeapWait) {}
+  explicit heap_lock(bool hot = false) {
+    Zub::Core::Mutex* mutex = heapman_mgr::m_Mutex;
+    if (!hot || mutex == nullptr || g_singleThreaded == nullptr || *g_singleThreaded == 0)
+      m_lock.emplace(mutex, kHeapWait);
+  }
 
  private:
-  Zub::Core::Lock m_lock;
+  std::optional<Zub::Core::Lock> m_lock;
+};
+
+// The paths every tracked allocation and free takes, as hidden functions the
+// compiler can keep in one piece (the exported members are thin wrappers).
+struct heap_internals {
+  static bool belongs(const heap* h, const void* p) {
+    const char* c = static_cast<const char*>(p);
+    return c >= h->m_base && c < h->m_base + h->m_regionSize;
+  }
+
+  static heap* find(heap* h, const void* p) {
+    if ((h->m_flags & heWINHEAP) != 0) return h->holds_busy_block(p) ? h : nullptr;
+    if (h->m_base == nullptr) return nullptr;
+    if (belongs(h, p)) return h;
+    return find_below(h, p);
+  }
+
+  // The children of a fixed-region heap: fixed regions first (by range, then
+  // below them), then the heWINHEAP children (by walking them).
+  static heap* find_below(heap* h, const void* p) {
+    for (heap* child = h->m_child; child != nullptr; child = child->m_sibling) {
+      if (child->m_base == nullptr) continue;
+      if (belongs(child, p)) return child;
+      if (child->m_child != nullptr)
+        if (heap* found = find_below(child, p)) return found;
+    }
+    for (heap* child = h->m_child; child != nullptr; child = child->m_sibling)
+      if ((child->m_flags & heWINHEAP) != 0)
+        if (heap* found = find(child, p)) return found;
+    return nullptr;
+  }
+
+  // find from mainheap, then the range fallback (a bad pointer into a heap,
+  // or a block of a heap below a heWINHEAP heap): the heap that has to deal
+  // with p, if any.
+  static heap* owner(const void* p) {
+    if (mainheap == nullptr) return nullptr;
+    if (heap* h = find(mainheap, p)) return h;
+    return mainheap->holder_by_range(p);
+  }
+
+  static void* allocate(heap* h, size_t size);
+  static void release(heap* h, void* p);
 };
 
 // ---------------------------------------------------------------------------
@@ -403,19 +466,22 @@ void heap::clear() {
 // ---------------------------------------------------------------------------
 // Allocation
 
-void* heap::allocator(size_t size) {
-  if ((m_flags & heWINHEAP) != 0) return kvos::region_heap_alloc(handle_of(m_handle), size);
-  return kvHeapAlloc(m_handle, size);
+void* heap_internals::allocate(heap* h, size_t size) {
+  if ((h->m_flags & heWINHEAP) != 0) return kvos::region_heap_alloc(handle_of(h->m_handle), size);
+  return kvHeapAlloc(h->m_handle, size);
 }
 
-void heap::deallocator(void* p) {
-  const bool plain = (m_flags & heWINHEAP) != 0;
-  if (!kvos::region_heap_free(handle_of(m_handle), plain ? p : record_of(p))) {
+void heap_internals::release(heap* h, void* p) {
+  const bool plain = (h->m_flags & heWINHEAP) != 0;
+  if (!kvos::region_heap_free(handle_of(h->m_handle), plain ? p : record_of(p))) {
     sys_abort("heap::deallocator - not on winHeap");
     return;
   }
-  if (plain) kvos::region_heap_compact(handle_of(m_handle));
+  if (plain) kvos::region_heap_compact(handle_of(h->m_handle));
 }
+
+void* heap::allocator(size_t size) { return heap_internals::allocate(this, size); }
+void heap::deallocator(void* p) { heap_internals::release(this, p); }
 
 void* heap::reallocator(void* p, size_t size) {
   const bool plain = (m_flags & heWINHEAP) != 0;
@@ -429,10 +495,7 @@ size_t heap::get_size(void* p) {
   return kvos::region_heap_size(handle_of(m_handle), record_of(p)) - kRecord;
 }
 
-bool heap::belongs(const void* p) const {
-  const char* c = static_cast<const char*>(p);
-  return c >= m_base && c < m_base + m_regionSize;
-}
+bool heap::belongs(const void* p) const { return heap_internals::belongs(this, p); }
 
 bool heap::holds_busy_block(const void* p) {
   kvos::heap_entry e;
@@ -441,18 +504,7 @@ bool heap::holds_busy_block(const void* p) {
   return false;
 }
 
-heap* heap::find(const void* p) {
-  if ((m_flags & heWINHEAP) != 0) return holds_busy_block(p) ? this : nullptr;
-  if (m_base == nullptr) return nullptr;
-  if (belongs(p)) return this;
-  for (heap* child = m_child; child != nullptr; child = child->m_sibling)
-    if (child->m_base != nullptr)
-      if (heap* found = child->find(p)) return found;
-  for (heap* child = m_child; child != nullptr; child = child->m_sibling)
-    if ((child->m_flags & heWINHEAP) != 0)
-      if (heap* found = child->find(p)) return found;
-  return nullptr;
-}
+heap* heap::find(const void* p) { return heap_internals::find(this, p); }
 
 // The heap whose address space holds p, searching the whole tree by range
 // (children of heWINHEAP heaps included). Used only where find answers none,
@@ -472,6 +524,10 @@ heap* heap::holder_by_range(const void* p) {
 // heapman_mgr
 
 heapman_mgr::~heapman_mgr() {
+  // kvExitFunc normally runs first and tears the heaps down. Where an exit
+  // sequence runs it later (a sanitizer's deferred exit handlers), the heaps
+  // still need their lock then, so it stays.
+  if (mainheap != nullptr) return;
   delete m_Mutex;
   m_Mutex = nullptr;
 }
@@ -479,6 +535,7 @@ heapman_mgr::~heapman_mgr() {
 void heapman_mgr::initialize() {
   if (heap::initialized) return;
   if (m_Mutex == nullptr) m_Mutex = new Zub::Core::Mutex;
+  g_singleThreaded = kvos::single_threaded_flag();
   heap_lock lock;
   void* memory = KvOperatorNew(sizeof(heap));
   if (memory == nullptr) throw std::bad_alloc();
@@ -500,32 +557,25 @@ void heapman_mgr::initialize() {
   heap::initialized = true;
 }
 
-heap* heapman_mgr::find_locked(const void* p) { return mainheap != nullptr ? mainheap->find(p) : nullptr; }
+heap* heapman_mgr::find_locked(const void* p) { return mainheap != nullptr ? heap_internals::find(mainheap, p) : nullptr; }
 
-
-// find, then the range fallback (a bad pointer into a heap, or a block of a
-// heap below a heWINHEAP heap): the heap that has to deal with p, if any.
-heap* heapman_mgr::owner_locked(const void* p) {
-  if (mainheap == nullptr) return nullptr;
-  if (heap* h = mainheap->find(p)) return h;
-  return mainheap->holder_by_range(p);
-}
+heap* heapman_mgr::owner_locked(const void* p) { return heap_internals::owner(p); }
 
 heap* heapman_mgr::find(const void* p) {
   if (mainheap == nullptr) return nullptr;
-  heap_lock lock;
+  heap_lock lock(true);
   return find_locked(p);
 }
 
 void* heapman_mgr::allocator(heap* h, size_t n) {
   if (h == nullptr) return KvOperatorNew(n);
-  heap_lock lock;
+  heap_lock lock(true);
   return h->allocator(n);
 }
 
 void heapman_mgr::deallocator(void* p) {
   if (mainheap != nullptr) {
-    heap_lock lock;
+    heap_lock lock(true);
     if (heap* h = owner_locked(p)) {
       h->deallocator(p);
       return;
@@ -537,7 +587,7 @@ void heapman_mgr::deallocator(void* p) {
 void* heapman_mgr::reallocator(void* p, size_t n) {
   if (p == nullptr) return std::calloc(n, 1);
   if (mainheap != nullptr) {
-    heap_lock lock;
+    heap_lock lock(true);
     if (heap* h = owner_locked(p)) return h->reallocator(p, n);
   }
   return std::realloc(p, n);
@@ -545,7 +595,7 @@ void* heapman_mgr::reallocator(void* p, size_t n) {
 
 size_t heapman_mgr::get_size(void* p) {
   if (mainheap != nullptr) {
-    heap_lock lock;
+    heap_lock lock(true);
     if (heap* h = owner_locked(p)) return h->get_size(p);
   }
   return kvos::runtime_block_size(p);
@@ -577,11 +627,11 @@ void* heapman_mgr::tracked_allocate(heap* h, size_t n, const char* file, int lin
   }
   void* p = nullptr;
   {
-    heap_lock lock;
+    heap_lock lock(true);
     heap::call_addr = caller;
     g_creatorFile = file;
     g_creatorLine = line;
-    p = h->allocator(n);
+    p = heap_internals::allocate(h, n);
   }
   if (p == nullptr)
     raise_heap_error(215, "operator new", "void *__cdecl operator new(unsigned __int64,class heap *,char *,int)",
@@ -592,10 +642,10 @@ void* heapman_mgr::tracked_allocate(heap* h, size_t n, const char* file, int lin
 
 void heapman_mgr::tracked_delete(void* p, void* caller) {
   if (mainheap != nullptr) {
-    heap_lock lock;
-    if (heap* h = owner_locked(p)) {
+    heap_lock lock(true);
+    if (heap* h = heap_internals::owner(p)) {
       heap::call_addr = caller;
-      h->deallocator(p);
+      heap_internals::release(h, p);
       return;
     }
   }
@@ -757,7 +807,7 @@ void heap::dump_cur_allocs() {
     const unsigned char* user;
     size_t size;
     if (plain) {
-      line = format("{99999} normal block at 0x%p, %d bytes long.\n", e.lpData, static_cast<int>(e.cbData));
+      line = format("{99999} normal block at 0x%s, %d bytes long.\n", pointer_text(e.lpData).c_str(), static_cast<int>(e.cbData));
       user = static_cast<const unsigned char*>(e.lpData);
       size = e.cbData;
     } else {
@@ -765,7 +815,8 @@ void heap::dump_cur_allocs() {
       const heap_record* record = static_cast<const heap_record*>(e.lpData);
       if ((record->state & heap_record_marked) != 0) continue;
       size = e.cbData - kRecord;
-      line = format("%s(%d) : {99999} normal block at 0x%p, %d bytes long.\n", record->file, record->line, e.lpData,
+      line = format("%s(%d) : {99999} normal block at 0x%s, %d bytes long.\n", record->file, record->line,
+                    pointer_text(e.lpData).c_str(),
                     static_cast<int>(size));
       user = static_cast<const unsigned char*>(e.lpData) + kRecord;
     }
@@ -806,10 +857,10 @@ void heap::debug_print(char* line, int level) {
   }
   const auto real = static_cast<unsigned>(overhead + freeBytes + used);
   if (m_base != nullptr)
-    std::sprintf(line, "%d %s %d %p %p %8u %9u %9u %9u 9u", 12, m_name, level, static_cast<void*>(this),
-                 static_cast<void*>(m_base), real, static_cast<unsigned>(freeBytes), largest, used);
+    std::sprintf(line, "%d %s %d %s %s %8u %9u %9u %9u 9u", 12, m_name, level, pointer_text(this).c_str(),
+                 pointer_text(m_base).c_str(), real, static_cast<unsigned>(freeBytes), largest, used);
   else
-    std::sprintf(line, "%d %s %d %p %d %s %8u %8u %9u %9u %9u", 12, m_name, level, static_cast<void*>(this), 8, "",
+    std::sprintf(line, "%d %s %d %s %d %s %8u %8u %9u %9u %9u", 12, m_name, level, pointer_text(this).c_str(), 8, "",
                  real, static_cast<unsigned>(freeBytes), largest, used, static_cast<unsigned>(committed));
   m_uncommitted = committed;
   m_alloc = used;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "DebugManager.h"
+#include "FILENAME.h"
 #include "KvExport.h"
 #include "LIST.h"
 #include "filetime.h"

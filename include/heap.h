@@ -135,6 +135,7 @@ class KVCORE_API heap {
 
  private:
   friend class heapman_mgr;
+  friend struct heap_internals;
   void unlink();
   void* first_address();
   bool holds_busy_block(const void* p);
@@ -213,6 +214,7 @@ class KVCORE_API heapman_mgr {
   heapman_mgr() = default;
   friend class heap;
   friend class heap_lock;
+  friend struct heap_internals;
   friend void* operator new(size_t, heap*, const char*, int);
   friend void* operator new[](size_t, heap*, const char*, int);
   friend void* operator new(size_t, _FindHeap*, const char*, int);

@@ -147,9 +147,13 @@ void random_sequence(region_heap h, unsigned steps, size_t maxSize, unsigned sta
     ASSERT_TRUE(kvos::region_heap_free(h, p));
   }
   ASSERT_TRUE(kvos::region_heap_validate(h));
+  EXPECT_EQ(walk(h).busy, 0u);
+  kvos::region_heap_compact(h);
+  ASSERT_TRUE(kvos::region_heap_validate(h));
   const WalkTotals t = walk(h);
   EXPECT_EQ(t.busy, 0u);
-  EXPECT_EQ(t.freeBlocks, t.regions) << "everything coalesces back into one free block per region";
+  EXPECT_EQ(t.regions, 1u) << "empty extra segments are released";
+  EXPECT_EQ(t.freeBlocks, 1u) << "after compacting, everything is one free block again";
 }
 
 // First address of the reservation, the range test's base.
@@ -270,9 +274,10 @@ TEST_F(RegionHeap, BadFreesFailCleanly) {
 }
 
 TEST_F(RegionHeap, ValidateFindsDamagedHeadersAndLinks) {
-  char* a = static_cast<char*>(kvos::region_heap_alloc(fixed, 40));
-  char* b = static_cast<char*>(kvos::region_heap_alloc(fixed, 40));
-  char* c = static_cast<char*>(kvos::region_heap_alloc(fixed, 40));
+  // Blocks too large for the lookaside lists: a free goes to the free lists.
+  char* a = static_cast<char*>(kvos::region_heap_alloc(fixed, 2000));
+  char* b = static_cast<char*>(kvos::region_heap_alloc(fixed, 2000));
+  char* c = static_cast<char*>(kvos::region_heap_alloc(fixed, 2000));
   ASSERT_TRUE(kvos::region_heap_free(fixed, b));
   ASSERT_TRUE(kvos::region_heap_validate(fixed));
 
@@ -299,6 +304,52 @@ TEST_F(RegionHeap, ValidateFindsDamagedHeadersAndLinks) {
   EXPECT_TRUE(kvos::region_heap_free(fixed, a));
   EXPECT_TRUE(kvos::region_heap_free(fixed, c));
   EXPECT_TRUE(kvos::region_heap_validate(fixed));
+
+  // A small block on its lookaside list: its header and its link are checked too.
+  char* small = static_cast<char*>(kvos::region_heap_alloc(fixed, 40));
+  char* guard = static_cast<char*>(kvos::region_heap_alloc(fixed, 40));
+  ASSERT_TRUE(kvos::region_heap_free(fixed, small));
+  for (int offset = 0; offset < 24; ++offset) {
+    char* victim = small - 16 + offset;
+    const char keep = *victim;
+    *victim = static_cast<char>(keep ^ 0x40);
+    const bool caught = !kvos::region_heap_validate(fixed);
+    *victim = keep;
+    EXPECT_TRUE(caught) << "damage at lookaside offset " << offset;
+  }
+  EXPECT_TRUE(kvos::region_heap_validate(fixed));
+  EXPECT_TRUE(kvos::region_heap_free(fixed, guard));
+}
+
+TEST_F(RegionHeap, SmallBlocksComeBackFromTheLookasideLists) {
+  char* a = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
+  char* fence = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
+  std::memset(a, 0x33, 100);
+  ASSERT_TRUE(kvos::region_heap_free(fixed, a));
+  EXPECT_FALSE(kvos::region_heap_free(fixed, a)) << "a second free of a cached block";
+  EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_invalid_parameter);
+  EXPECT_EQ(walk(fixed).busy, 1u) << "a cached block walks as free";
+  char* again = static_cast<char*>(kvos::region_heap_alloc(fixed, 98));
+  EXPECT_EQ(again, a) << "a request of the same block size reuses it";
+  EXPECT_TRUE(filled_with(again, 98, 0)) << "and gets it zeroed";
+  EXPECT_EQ(kvos::region_heap_size(fixed, again), 98u);
+  ASSERT_TRUE(kvos::region_heap_free(fixed, again));
+  ASSERT_TRUE(kvos::region_heap_free(fixed, fence));
+  EXPECT_GT(walk(fixed).freeBlocks, 1u);
+  kvos::region_heap_compact(fixed);
+  EXPECT_EQ(walk(fixed).freeBlocks, 1u) << "compacting merges the cached blocks";
+  EXPECT_TRUE(kvos::region_heap_validate(fixed));
+
+  // Space held on the lookaside lists is not lost to large requests.
+  region_heap tight = kvos::region_heap_create(1 << 20);
+  std::vector<void*> blocks;
+  for (void* p; (p = kvos::region_heap_alloc(tight, 200)) != nullptr;) blocks.push_back(p);
+  ASSERT_GT(blocks.size(), 1000u);
+  for (size_t i = 0; i < blocks.size(); i += 2) ASSERT_TRUE(kvos::region_heap_free(tight, blocks[i]));
+  for (size_t i = 1; i < blocks.size(); i += 2) ASSERT_TRUE(kvos::region_heap_free(tight, blocks[i]));
+  EXPECT_NE(kvos::region_heap_alloc(tight, 900 << 10), nullptr);
+  EXPECT_TRUE(kvos::region_heap_validate(tight));
+  EXPECT_TRUE(kvos::region_heap_destroy(tight));
 }
 
 TEST_F(RegionHeap, ReallocationGrowsInPlaceWhenItCanAndFailsWithoutLoss) {

@@ -11,10 +11,17 @@
 // can extend into uncommitted space. Each segment has a map with one bit per
 // 16 bytes, set exactly at block starts, so that a pointer that is not the
 // start of a block is refused without trusting the bytes in front of it.
+//
+// Small blocks freed recently are kept, up to a byte budget per heap, on
+// lookaside lists of one exact size each, so that the next request of that
+// size is a pop instead of a split (and the free a push instead of a merge).
+// They are free blocks to the walk; they are merged into the free lists when
+// space runs out.
 #include "kvos/region_heap.h"
 
 #include <malloc.h>
 #include <sys/mman.h>
+#include <sys/single_threaded.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -44,6 +51,7 @@ constexpr size_t kMaxRequest = kMaxBlock - 4096;
 constexpr uint64_t kBusy = 1;
 constexpr uint64_t kLast = 2;
 constexpr uint64_t kReleased = 4;
+constexpr uint64_t kCached = 8;  // on a lookaside list
 constexpr uint64_t kSizeMask = 0x0000FFFFFFFFFFF0ull;
 constexpr unsigned kPadShift = 48;
 constexpr uint64_t kTagMask = 0xFF00000000000000ull;
@@ -55,8 +63,15 @@ constexpr size_t kSmallLimit = kSlCount * kAlign;  // below: one list per 16 byt
 constexpr unsigned kFlShift = 9;                   // log2(kSmallLimit)
 constexpr unsigned kFlCount = 40;
 
+constexpr size_t kQuickMax = 1024;             // largest block size kept on a lookaside list
+constexpr size_t kQuickLists = kQuickMax / kAlign + 1;
+constexpr size_t kQuickBudget = 128 * 1024;    // bytes a heap keeps on its lookaside lists
+
 constexpr uint64_t kControlMagic = 0x5245474E48454150ull;  // "REGNHEAP"
 constexpr uint64_t kSegmentMagic = 0x5345474D454E5431ull;
+
+// The paths of every allocation and free are kept in one piece.
+#define KVOS_HOT inline __attribute__((always_inline))
 
 void* const kWalkUncommitted = reinterpret_cast<void*>(1);
 void* const kWalkSegmentDone = reinterpret_cast<void*>(2);
@@ -89,12 +104,15 @@ struct Segment {
 struct region_heap_control {
   uint64_t magic;
   bool growable;
+  Segment* only;  // a fixed heap's one segment; null for a growable heap
   Segment* segments;
   unsigned segmentCount;
   size_t nextReserve;
   uint64_t flBitmap;
   uint32_t slBitmap[kFlCount];
   Block* heads[kFlCount][kSlCount];
+  size_t cachedBytes;
+  Block* quick[kQuickLists];  // by block size / 16, linked through nextFree
 };
 
 namespace {
@@ -118,6 +136,9 @@ inline T fail(int code, T result) {
 inline size_t bsize(const Block* b) { return b->word & kSizeMask; }
 inline size_t bpad(const Block* b) { return (b->word >> kPadShift) & 0xFF; }
 inline bool busy(const Block* b) { return (b->word & kBusy) != 0; }
+inline bool cached(const Block* b) { return (b->word & kCached) != 0; }
+// A block that the free lists own (not busy, not on a lookaside list).
+inline bool mergeable(const Block* b) { return (b->word & (kBusy | kCached)) == 0; }
 inline bool last(const Block* b) { return (b->word & kLast) != 0; }
 inline bool tagged(const Block* b) { return (b->word & kTagMask) == kTag; }
 inline char* data(Block* b) { return cp(b) + kHeaderSize; }
@@ -173,11 +194,11 @@ inline void mapping(size_t size, unsigned& fl, unsigned& sl) {
   }
 }
 
-void insert_free(region_heap h, Block* b) {
+KVOS_HOT void insert_free(region_heap h, Block* b) {
   unsigned fl, sl;
   mapping(bsize(b), fl, sl);
   Block* head = h->heads[fl][sl];
-  b->word &= ~(kBusy | kReleased | (0xFFull << kPadShift));
+  b->word &= ~(kBusy | kReleased | kCached | (0xFFull << kPadShift));
   b->nextFree = head;
   b->prevFree = nullptr;
   if (head != nullptr) head->prevFree = b;
@@ -186,7 +207,7 @@ void insert_free(region_heap h, Block* b) {
   h->slBitmap[fl] |= 1u << sl;
 }
 
-void remove_free(region_heap h, Block* b) {
+KVOS_HOT void remove_free(region_heap h, Block* b) {
   unsigned fl, sl;
   mapping(bsize(b), fl, sl);
   if (b->prevFree != nullptr)
@@ -221,7 +242,7 @@ inline size_t list_ceiling(unsigned fl, unsigned sl) {
 // A free block of at least size bytes, or null: the first block of the first
 // non-empty list whose every block fits (good fit); failing that, a fitting
 // block of the request's own list.
-Block* find_free(region_heap h, size_t size) {
+KVOS_HOT Block* find_free(region_heap h, size_t size) {
   unsigned fl, sl;
   mapping(search_size(size), fl, sl);
   if (fl < kFlCount) {
@@ -242,7 +263,8 @@ Block* find_free(region_heap h, size_t size) {
   return nullptr;
 }
 
-Segment* segment_of(region_heap h, const void* p) {
+KVOS_HOT Segment* segment_of(region_heap h, const void* p) {
+  if (Segment* s = h->only) return cp(p) >= s->base && cp(p) < s->end ? s : nullptr;
   for (Segment* s = h->segments; s != nullptr; s = s->next)
     if (cp(p) >= s->base && cp(p) < s->end) return s;
   return nullptr;
@@ -275,14 +297,14 @@ inline void touched_up_to(Segment* s, char* to) {
 }
 
 // Whether p may be read as a block header with its links.
-inline bool readable(region_heap h, const void* p) {
+KVOS_HOT bool readable(region_heap h, const void* p) {
   const Segment* s = segment_of(h, p);
   return s != nullptr && cp(p) >= cp(s->first) && cp(p) + kLinkEnd <= s->commitEnd && (addr(p) & (kAlign - 1)) == 0;
 }
 
 // Whether a free block's list links agree with its neighbours in the list, so
 // that unlinking it writes only into the heap's own blocks.
-bool links_ok(region_heap h, const Block* b) {
+KVOS_HOT bool links_ok(region_heap h, const Block* b) {
   unsigned fl, sl;
   mapping(bsize(b), fl, sl);
   if (fl >= kFlCount) return false;
@@ -293,7 +315,7 @@ bool links_ok(region_heap h, const Block* b) {
 
 // A neighbour header that may be trusted: inside the committed part of the
 // segment, tagged, of sane size, linked back to the expected previous block.
-bool sane(const Segment* s, const Block* b, const Block* expectedPrev) {
+KVOS_HOT bool sane(const Segment* s, const Block* b, const Block* expectedPrev) {
   if (cp(b) < cp(s->first) || cp(b) + kLinkEnd > s->commitEnd || (addr(b) & (kAlign - 1)) != 0) return false;
   if (!tagged(b) || b->prev != expectedPrev) return false;
   const size_t size = bsize(b);
@@ -303,7 +325,7 @@ bool sane(const Segment* s, const Block* b, const Block* expectedPrev) {
 }
 
 // The busy block whose data starts at p, or null (error code set).
-Block* busy_block(region_heap h, const void* p, Segment** segment) {
+KVOS_HOT Block* busy_block(region_heap h, const void* p, Segment** segment) {
   if (p == nullptr || (addr(p) & (kAlign - 1)) != 0) return fail(heap_error_invalid_parameter, nullptr);
   Segment* s = segment_of(h, p);
   if (s == nullptr) return fail(heap_error_invalid_parameter, nullptr);
@@ -319,7 +341,7 @@ Block* busy_block(region_heap h, const void* p, Segment** segment) {
 }
 
 // The previous block, when it can be trusted to merge with b.
-bool sane_prev(const Segment* s, const Block* prev, const Block* b) {
+KVOS_HOT bool sane_prev(const Segment* s, const Block* prev, const Block* b) {
   if (cp(prev) < cp(s->first) || cp(prev) >= cp(b) || (addr(prev) & (kAlign - 1)) != 0) return false;
   return tagged(prev) && cp(prev) + bsize(prev) == cp(b);
 }
@@ -408,7 +430,7 @@ bool valid_heap(region_heap h) { return h != nullptr && h->magic == kControlMagi
 // Takes the free block b for a request of n bytes (block size need): commits,
 // splits off the rest, zeroes the data and marks it busy. False (error code
 // set) when the pages cannot be committed or b is damaged; b is then as before.
-bool take(region_heap h, Segment* s, Block* b, size_t need, size_t n) {
+KVOS_HOT bool take(region_heap h, Segment* s, Block* b, size_t need, size_t n) {
   const size_t size = bsize(b);
   const uint64_t lastFlag = b->word & kLast;
   const bool split = size - need >= kMinBlock;
@@ -437,66 +459,16 @@ bool take(region_heap h, Segment* s, Block* b, size_t need, size_t n) {
   return true;
 }
 
-}  // namespace
-
-region_heap region_heap_create(size_t maximum) {
-  const bool growable = maximum == 0;
-  size_t reserve = growable ? kGrowableFirst : round_up(maximum, page_size());
-  if (reserve < control_header() + kCommitUnit || reserve > kMaxBlock)
-    return fail(growable ? heap_error_not_enough_memory : heap_error_invalid_parameter, nullptr);
-  Segment* s = map_segment(reserve, control_header());
-  if (s == nullptr) return fail(heap_error_not_enough_memory, nullptr);
-  auto* h = reinterpret_cast<region_heap_control*>(s->base + sizeof(Segment));
-  std::memset(static_cast<void*>(h), 0, sizeof *h);
-  h->magic = kControlMagic;
-  h->growable = growable;
-  h->segments = s;
-  h->segmentCount = 1;
-  h->nextReserve = growable ? kGrowableFirst * 2 : 0;
-  insert_free(h, s->first);
-  return h;
-}
-
-bool region_heap_destroy(region_heap h) {
-  if (!valid_heap(h)) return fail(heap_error_invalid_parameter, false);
-  h->magic = 0;
-  Segment* s = h->segments;
-  // The control block lives in the first segment: unmap that one last.
-  Segment* first = s;
-  for (s = s->next; s != nullptr;) {
-    Segment* next = s->next;
-    unmap_segment(s);
-    s = next;
-  }
-  unmap_segment(first);
-  return true;
-}
-
-void* region_heap_alloc(region_heap h, size_t n) {
-  if (!valid_heap(h)) return fail(heap_error_invalid_parameter, nullptr);
-  if (n > kMaxRequest) return fail(heap_error_not_enough_memory, nullptr);
-  const size_t need = block_size_for(n);
-  Block* b = find_free(h, need);
-  if (b == nullptr && h->growable && add_segment(h, need)) b = find_free(h, need);
-  if (b == nullptr) return fail(heap_error_not_enough_memory, nullptr);
-  Segment* s = h->segments->next == nullptr ? h->segments : segment_of(h, b);
-  if (s == nullptr || !take(h, s, b, need, n)) return nullptr;
-  return data(b);
-}
-
-bool region_heap_free(region_heap h, void* p) {
-  if (!valid_heap(h)) return fail(heap_error_invalid_parameter, false);
-  Segment* s = nullptr;
-  Block* b = busy_block(h, p, &s);
-  if (b == nullptr) return false;
-  // Check both neighbours before anything changes.
+// Gives the (busy or cached) block b to the free lists, merged with free
+// neighbours. False, with nothing changed, when a neighbour is damaged.
+bool release(region_heap h, Segment* s, Block* b) {
   Block* next = last(b) ? nullptr : after(b);
   if (next != nullptr && !sane(s, next, b)) return fail(heap_error_invalid_data, false);
-  const bool mergeNext = next != nullptr && !busy(next);
+  const bool mergeNext = next != nullptr && mergeable(next);
   if (mergeNext && !last(next) && !sane(s, after(next), next)) return fail(heap_error_invalid_data, false);
   Block* prev = b->prev;
   if (prev != nullptr && !sane_prev(s, prev, b)) return fail(heap_error_invalid_data, false);
-  const bool mergePrev = prev != nullptr && !busy(prev);
+  const bool mergePrev = prev != nullptr && mergeable(prev);
   if ((mergeNext && !links_ok(h, next)) || (mergePrev && !links_ok(h, prev)))
     return fail(heap_error_invalid_data, false);
 
@@ -523,6 +495,107 @@ bool region_heap_free(region_heap h, void* p) {
   return true;
 }
 
+// Merges every lookaside block into the free lists. False when a damaged
+// block stops it (that block stays on its list).
+bool flush_lookaside(region_heap h) {
+  for (size_t q = 0; q < kQuickLists; ++q) {
+    while (Block* b = h->quick[q]) {
+      if (!readable(h, b) || !tagged(b) || !cached(b) || bsize(b) != q * kAlign) return fail(heap_error_invalid_data, false);
+      Segment* s = segment_of(h, b);
+      Block* following = b->nextFree;
+      h->quick[q] = following;
+      if (!release(h, s, b)) {
+        h->quick[q] = b;
+        return false;
+      }
+      h->cachedBytes -= q * kAlign;
+    }
+  }
+  return true;
+}
+
+// A block of exactly need bytes from its lookaside list, or null.
+KVOS_HOT Block* pop_lookaside(region_heap h, size_t need) {
+  if (need > kQuickMax) return nullptr;
+  Block* b = h->quick[need / kAlign];
+  if (b == nullptr) return nullptr;
+  if (!tagged(b) || !cached(b) || (b->nextFree != nullptr && !readable(h, b->nextFree)))
+    return fail(heap_error_invalid_data, nullptr);
+  h->quick[need / kAlign] = b->nextFree;
+  h->cachedBytes -= need;
+  return b;
+}
+
+}  // namespace
+
+region_heap region_heap_create(size_t maximum) {
+  const bool growable = maximum == 0;
+  size_t reserve = growable ? kGrowableFirst : round_up(maximum, page_size());
+  if (reserve < control_header() + kCommitUnit || reserve > kMaxBlock)
+    return fail(growable ? heap_error_not_enough_memory : heap_error_invalid_parameter, nullptr);
+  Segment* s = map_segment(reserve, control_header());
+  if (s == nullptr) return fail(heap_error_not_enough_memory, nullptr);
+  auto* h = reinterpret_cast<region_heap_control*>(s->base + sizeof(Segment));
+  std::memset(static_cast<void*>(h), 0, sizeof *h);
+  h->magic = kControlMagic;
+  h->growable = growable;
+  h->segments = s;
+  h->only = growable ? nullptr : s;
+  h->segmentCount = 1;
+  h->nextReserve = growable ? kGrowableFirst * 2 : 0;
+  insert_free(h, s->first);
+  return h;
+}
+
+bool region_heap_destroy(region_heap h) {
+  if (!valid_heap(h)) return fail(heap_error_invalid_parameter, false);
+  h->magic = 0;
+  Segment* s = h->segments;
+  // The control block lives in the first segment: unmap that one last.
+  Segment* first = s;
+  for (s = s->next; s != nullptr;) {
+    Segment* next = s->next;
+    unmap_segment(s);
+    s = next;
+  }
+  unmap_segment(first);
+  return true;
+}
+
+void* region_heap_alloc(region_heap h, size_t n) {
+  if (!valid_heap(h)) return fail(heap_error_invalid_parameter, nullptr);
+  if (n > kMaxRequest) return fail(heap_error_not_enough_memory, nullptr);
+  const size_t need = block_size_for(n);
+  if (Block* q = pop_lookaside(h, need)) {
+    std::memset(data(q), 0, n);
+    q->word = word(need, kBusy, need - kHeaderSize - n);
+    return data(q);
+  }
+  Block* b = find_free(h, need);
+  if (b == nullptr && h->cachedBytes != 0 && flush_lookaside(h)) b = find_free(h, need);
+  if (b == nullptr && h->growable && add_segment(h, need)) b = find_free(h, need);
+  if (b == nullptr) return fail(heap_error_not_enough_memory, nullptr);
+  Segment* s = segment_of(h, b);
+  if (s == nullptr || !take(h, s, b, need, n)) return nullptr;
+  return data(b);
+}
+
+bool region_heap_free(region_heap h, void* p) {
+  if (!valid_heap(h)) return fail(heap_error_invalid_parameter, false);
+  Segment* s = nullptr;
+  Block* b = busy_block(h, p, &s);
+  if (b == nullptr) return false;
+  const size_t size = bsize(b);
+  if (size <= kQuickMax && !last(b) && h->cachedBytes + size <= kQuickBudget) {
+    b->word = word(size, kCached);
+    b->nextFree = h->quick[size / kAlign];
+    h->quick[size / kAlign] = b;
+    h->cachedBytes += size;
+    return true;
+  }
+  return release(h, s, b);
+}
+
 void* region_heap_realloc(region_heap h, void* p, size_t n) {
   if (!valid_heap(h)) return fail(heap_error_invalid_parameter, nullptr);
   Segment* s = nullptr;
@@ -534,7 +607,7 @@ void* region_heap_realloc(region_heap h, void* p, size_t n) {
   const size_t size = bsize(b);
   Block* next = last(b) ? nullptr : after(b);
   if (next != nullptr && !sane(s, next, b)) return fail(heap_error_invalid_data, nullptr);
-  const bool nextFree = next != nullptr && !busy(next);
+  const bool nextFree = next != nullptr && mergeable(next);
   if (nextFree && ((!last(next) && !sane(s, after(next), next)) || !links_ok(h, next)))
     return fail(heap_error_invalid_data, nullptr);
 
@@ -624,7 +697,7 @@ size_t region_heap_size(region_heap h, const void* p) {
 
 bool region_heap_validate(region_heap h) {
   if (!valid_heap(h)) return fail(heap_error_invalid_parameter, false);
-  size_t freeBlocks = 0;
+  size_t freeBlocks = 0, cachedBlocks = 0, cachedBytes = 0;
   unsigned segments = 0;
   for (Segment* s = h->segments; s != nullptr; s = s->next) {
     if (++segments > h->segmentCount || s->magic != kSegmentMagic || s->index >= h->segmentCount) return false;
@@ -643,7 +716,12 @@ bool region_heap_validate(region_heap h) {
       if (any_start(s, bit_of(s, a) + 1, bit_of(s, limit - 1) + 1)) return false;
       if (busy(b)) {
         if (a + size > s->commitEnd || bpad(b) > size - kHeaderSize) return false;
-        if ((b->word & kReleased) != 0) return false;
+        if ((b->word & (kReleased | kCached)) != 0) return false;
+        prevFree = false;
+      } else if (cached(b)) {
+        if (last(b) || bpad(b) != 0 || size > kQuickMax || a + size > s->commitEnd) return false;
+        ++cachedBlocks;
+        cachedBytes += size;
         prevFree = false;
       } else {
         if (prevFree || bpad(b) != 0) return false;
@@ -677,7 +755,7 @@ bool region_heap_validate(region_heap h) {
         if (++listed > freeBlocks) return false;
         const Segment* s = segment_of(h, b);
         if (s == nullptr || (addr(b) & (kAlign - 1)) != 0 || cp(b) + kLinkEnd > s->commitEnd) return false;
-        if (!is_start(s, b) || !tagged(b) || busy(b) || b->prevFree != expectedPrev) return false;
+        if (!is_start(s, b) || !tagged(b) || !mergeable(b) || b->prevFree != expectedPrev) return false;
         unsigned f, l;
         mapping(bsize(b), f, l);
         if (f != fl || l != sl) return false;
@@ -685,7 +763,18 @@ bool region_heap_validate(region_heap h) {
       }
     }
   }
-  return listed == freeBlocks;
+  if (listed != freeBlocks) return false;
+
+  // Lookaside lists: cached blocks of their list's size, each listed once.
+  size_t quickBlocks = 0, quickBytes = 0;
+  for (size_t q = 0; q < kQuickLists; ++q) {
+    for (const Block* b = h->quick[q]; b != nullptr; b = b->nextFree) {
+      if (++quickBlocks > cachedBlocks || !readable(h, b)) return false;
+      if (!is_start(segment_of(h, b), b) || !tagged(b) || !cached(b) || bsize(b) != q * kAlign) return false;
+      quickBytes += bsize(b);
+    }
+  }
+  return quickBlocks == cachedBlocks && quickBytes == cachedBytes && cachedBytes == h->cachedBytes;
 }
 
 bool region_heap_walk(region_heap h, heap_entry* e) {
@@ -753,6 +842,7 @@ bool region_heap_walk(region_heap h, heap_entry* e) {
 
 size_t region_heap_compact(region_heap h) {
   if (!valid_heap(h)) return fail(heap_error_invalid_parameter, size_t(0));
+  flush_lookaside(h);
   const size_t page = page_size();
   unsigned flFrom, slFrom;
   mapping(kReleaseMin, flFrom, slFrom);
@@ -775,14 +865,14 @@ size_t region_heap_compact(region_heap h) {
   Segment** link = &h->segments;
   while (*link != nullptr) {
     Segment* s = *link;
-    if (s != h->segments && s->first == s->last && !busy(s->first)) {
+    if (s != h->segments && s->first == s->last && mergeable(s->first)) {
       remove_free(h, s->first);
       *link = s->next;
       --h->segmentCount;
       unmap_segment(s);
       continue;
     }
-    if (!busy(s->last)) {
+    if (mergeable(s->last)) {
       char* keep = s->base + round_up(static_cast<size_t>(cp(s->last) + kLinkEnd - s->base), kCommitUnit);
       if (keep + kDecommitSlack < s->commitEnd) {
         const size_t length = static_cast<size_t>(s->commitEnd - keep);
@@ -817,6 +907,8 @@ size_t region_heap_compact(region_heap h) {
 
 int heap_last_error() { return t_lastError; }
 void set_heap_last_error(int code) { t_lastError = code; }
+
+const volatile char* single_threaded_flag() { return &__libc_single_threaded; }
 
 size_t runtime_block_size(void* p) { return p == nullptr ? 0 : malloc_usable_size(p); }
 

@@ -97,6 +97,11 @@ KVOS_API size_t region_heap_compact(region_heap heap);
 KVOS_API int heap_last_error();
 KVOS_API void set_heap_last_error(int code);
 
+// A flag that is non-zero while the process has never had more than one
+// thread: callers that serialise heap access may skip their lock while it is
+// set (no other thread exists to race with). Read it as it is, without caching.
+KVOS_API const volatile char* single_threaded_flag();
+
 // Size of a block of the runtime library's allocator (malloc and friends).
 KVOS_API size_t runtime_block_size(void* p);
 
