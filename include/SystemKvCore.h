@@ -4,6 +4,7 @@
 #include "DebugManager.h"
 #include "FILENAME.h"
 #include "KvExport.h"
+#include "LIST.h"
 #include "filetime.h"
 #include "heap.h"
 #include "sysman.h"
