@@ -49,7 +49,7 @@ bool FileNameList::Remove(const filename& name) {
 int FileNameList::Index(const filename& name) const {
   FileNameIter it(*this);
   it.Find(name, true);
-  return it.Current() != nullptr ? it.Index() : -1;
+  return it.Index();  // -1 when the walk ran off the end
 }
 
 filename FileNameList::Get(int n) const {

@@ -284,6 +284,9 @@ TEST(MultiPathCopies, CopiesAreIndependent) {
   EXPECT_EQ(names_of(list), (Names{"one", "two"}));
   EXPECT_EQ(names_of(other), (Names{"two"}));
   EXPECT_EQ(names_of(third), (Names{"one", "two"}));
+  const FileNameList& same = third;
+  third = same;
+  EXPECT_EQ(names_of(third), (Names{"one", "two"})) << "self-assignment keeps the names";
 }
 
 TEST(MultiPathCopies, NamesLiveInTheHeapOfTheirList) {
