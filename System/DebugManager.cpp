@@ -45,19 +45,20 @@ Zub::Core::Mutex g_outputMutex KV_INIT(KV_PRIO_DEBUG);
 const Zub::Core::Elapse kForever(0x7FFFFFFF, 3);
 
 // Loggers of the output categories for the current service, looked up once.
-// The service owns them for its lifetime; the pointers are refreshed when a
-// different service is installed.
-std::atomic<Zub::Core::LogManager*> g_cacheOwner{nullptr};
+// The service owns them for its lifetime; the pointers are dropped whenever a
+// service is installed (a new service may sit at an old one's address).
+std::atomic<uint64_t> g_cacheGeneration{0};
 std::array<std::atomic<Zub::Core::Logger*>, DebugTypeCount> g_cache{};
 
 Zub::Core::Logger* category_logger(Zub::Core::LogManager* service, DebugType type) {
-  if (g_cacheOwner.load(std::memory_order_acquire) == service) {
+  const uint64_t generation = Zub::Core::LogManager::Generation();
+  if (g_cacheGeneration.load(std::memory_order_acquire) == generation) {
     if (Zub::Core::Logger* logger = g_cache[type].load(std::memory_order_acquire)) return logger;
   }
   Zub::Core::Lock lock(g_outputMutex, kForever);
-  if (g_cacheOwner.load(std::memory_order_acquire) != service) {
+  if (g_cacheGeneration.load(std::memory_order_acquire) != generation) {
     for (auto& slot : g_cache) slot.store(nullptr, std::memory_order_relaxed);
-    g_cacheOwner.store(service, std::memory_order_release);
+    g_cacheGeneration.store(generation, std::memory_order_release);
   }
   Zub::Core::Logger* logger = service->GetLogger(logger_name(type)).get();
   g_cache[type].store(logger, std::memory_order_release);

@@ -72,6 +72,7 @@ namespace {
 
 std::atomic<LogManager*> g_service{nullptr};
 std::atomic<bool> g_replaced{false};
+std::atomic<uint64_t> g_generation{1};
 
 LogManager* builtin_service() {
   // Never destroyed: lines may be logged during static destruction.
@@ -109,8 +110,11 @@ LogManager* LogManager::Install(LogManager* service) {
   LogManager* previous = Instance();
   g_service.store(service, std::memory_order_release);
   g_replaced.store(true, std::memory_order_release);
+  g_generation.fetch_add(1, std::memory_order_acq_rel);
   return previous;
 }
+
+uint64_t LogManager::Generation() { return g_generation.load(std::memory_order_acquire); }
 
 LogManager::LogManager() = default;
 LogManager::~LogManager() = default;

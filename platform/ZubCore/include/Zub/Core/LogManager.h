@@ -106,6 +106,8 @@ class ZUB_API LogManager {
   // Replaces the service (null: no service) and returns the previous one.
   // The caller owns both; the built-in service is never destroyed.
   static LogManager* Install(LogManager* service);
+  // Counts the installations: a cache of loggers is valid while this is unchanged.
+  static uint64_t Generation();
 
   LogManager();
   LogManager(const LogManager&) = delete;

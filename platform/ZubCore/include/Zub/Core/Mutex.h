@@ -43,7 +43,7 @@ class ZUB_API Mutex {
   void Unlock();
 
  private:
-  std::recursive_timed_mutex m_mutex;
+  std::recursive_mutex m_mutex;
 };
 
 // Holds a mutex for its lifetime. Locking through a null mutex pointer is a

@@ -1,0 +1,54 @@
+// Runs the registered benchmarks, then prints the ratio of the mean real
+// times of named pairs ("ours" against the alternative) with their targets.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace kvbench {
+
+struct Ratio {
+  std::string label;
+  std::string ours;         // benchmark name, as reported
+  std::string alternative;  // benchmark name, as reported
+  double target = 0.0;      // the most ours may cost relative to the alternative; 0 = report only
+};
+
+class RecordingReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs)
+      if (run.run_type == Run::RT_Iteration && !run.error_occurred)
+        times_[run.benchmark_name()] = run.GetAdjustedRealTime();
+  }
+  const std::map<std::string, double>& times() const { return times_; }
+
+ private:
+  std::map<std::string, double> times_;
+};
+
+inline int run_with_ratios(int argc, char** argv, const std::vector<Ratio>& ratios) {
+  benchmark::Initialize(&argc, argv);
+  RecordingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  std::printf("\n%-58s %10s %8s\n", "ratio (ours / alternative)", "measured", "target");
+  for (const Ratio& r : ratios) {
+    auto a = reporter.times().find(r.ours);
+    auto b = reporter.times().find(r.alternative);
+    if (a == reporter.times().end() || b == reporter.times().end() || b->second <= 0.0) continue;
+    const double ratio = a->second / b->second;
+    if (r.target > 0.0)
+      std::printf("%-58s %10.2f %7.2fx %s\n", r.label.c_str(), ratio, r.target, ratio <= r.target ? "ok" : "OVER");
+    else
+      std::printf("%-58s %10.2f %8s\n", r.label.c_str(), ratio, "-");
+  }
+  benchmark::Shutdown();
+  return 0;
+}
+
+}  // namespace kvbench

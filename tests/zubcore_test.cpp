@@ -1,0 +1,318 @@
+// ZubCore: errors and alerts, the terminate path, mutexes, the logging service, paths.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+#include "Zub/Core/AlertManager.h"
+#include "Zub/Core/Assert.h"
+#include "Zub/Core/Callback.h"
+#include "Zub/Core/Error.h"
+#include "Zub/Core/LogManager.h"
+#include "Zub/Core/Mutex.h"
+#include "Zub/Core/PathName.h"
+#include "test_support.h"
+
+using namespace Zub::Core;
+
+namespace {
+
+class ProbeError : public LogicError {
+ public:
+  explicit ProbeError(int code = 0) : code_(code) {}
+  std::string GetCategory() const override { return "Probe Error"; }
+  int code() const { return code_; }
+  ZUB_ERROR_COPY_OPERATIONS(ProbeError)
+
+ private:
+  int code_;
+};
+
+struct RecordingListener : AlertListener {
+  bool interested = true;
+  std::vector<std::string> events;
+  bool IsInterestedIn(AlertInfo&) const override { return interested; }
+  void ErrorRaised(Error& e) override { events.push_back("raised:" + e.GetMessage()); }
+  void ErrorHandled(Error& e) override { events.push_back("handled:" + e.GetMessage()); }
+  void UncaughtFatalError() override { events.push_back("fatal"); }
+  void WarningRaised(Warning& w) override { events.push_back("warning:" + w.GetMessage()); }
+};
+
+CodeContext here(int line) { return CodeContext("Tests/zub", line, "fn", "void fn(void)", "date"); }
+
+}  // namespace
+
+TEST(ZubErrors, RaiseErrorNotifiesThenThrowsTheConcreteType) {
+  RecordingListener listener;
+  AlertManager::Instance()->AddAlertListener(&listener);
+  ProbeError error(42);
+  try {
+    Error::RaiseError(error, here(17), "something broke", 0);
+    FAIL() << "RaiseError returned";
+  } catch (const ProbeError& caught) {
+    EXPECT_STREQ(caught.what(), "something broke");
+    EXPECT_EQ(caught.code(), 42);
+    EXPECT_EQ(caught.GetCodeContext().GetFile(), "Tests/zub");
+    EXPECT_EQ(caught.GetCodeContext().GetLine(), 17);
+    EXPECT_EQ(caught.GetCodeContext().GetSignature(), "void fn(void)");
+  }
+  ASSERT_EQ(listener.events.size(), 1u);
+  EXPECT_EQ(listener.events[0], "raised:something broke");
+  AlertManager::Instance()->RemoveAlertListener(&listener);
+}
+
+TEST(ZubErrors, UninterestedListenersAreNotToldAndCopiesKeepTheirType) {
+  RecordingListener listener;
+  listener.interested = false;
+  AlertManager::Instance()->AddAlertListener(&listener);
+  ProbeError error(7);
+  EXPECT_THROW(Error::RaiseError(error, here(1), "quiet"), ProbeError);
+  EXPECT_TRUE(listener.events.empty());
+  AlertManager::Instance()->RemoveAlertListener(&listener);
+
+  boost::shared_ptr<Error> copy = error.Copy();
+  auto* probe = dynamic_cast<ProbeError*>(copy.get());
+  ASSERT_NE(probe, nullptr);
+  EXPECT_EQ(probe->code(), 7);
+  EXPECT_EQ(probe->GetMessage(), "quiet");
+  EXPECT_THROW(copy->Throw(), ProbeError);
+}
+
+TEST(ZubAlerts, ListenersAreCalledInOrderAndLeaveWhenDestroyed) {
+  std::vector<std::string> order;
+  struct Named : AlertListener {
+    std::vector<std::string>* log;
+    std::string name;
+    void WarningRaised(Warning&) override { log->push_back(name); }
+  };
+  auto first = std::make_unique<Named>();
+  first->log = &order;
+  first->name = "first";
+  Named second;
+  second.log = &order;
+  second.name = "second";
+  AlertManager::Instance()->AddAlertListener(first.get());
+  AlertManager::Instance()->AddAlertListener(&second);
+  AlertManager::Instance()->AddAlertListener(&second);  // a second add changes nothing
+
+  Warning warning;
+  Warning::RaiseWarning(warning, here(3), "low tip");
+  EXPECT_EQ(order, (std::vector<std::string>{"first", "second"}));
+  EXPECT_EQ(warning.GetMessage(), "low tip");
+
+  first.reset();  // destroyed while registered: it must leave the manager
+  order.clear();
+  Warning::RaiseWarning(warning, here(4), "again");
+  EXPECT_EQ(order, (std::vector<std::string>{"second"}));
+  AlertManager::Instance()->RemoveAlertListener(&second);
+  order.clear();
+  Warning::RaiseWarning(warning, here(5), "none");
+  EXPECT_TRUE(order.empty());
+}
+
+TEST(ZubAlerts, UncaughtErrorTellsListenersOnceAndAborts) {
+  kvtest::TempDir dir;
+  const std::string marker = dir.file("fatal.txt");
+  const int status = kvtest::run_in_child([&] {
+    struct FileListener : AlertListener {
+      std::string path;
+      void UncaughtFatalError() override {
+        FILE* f = std::fopen(path.c_str(), "a");
+        std::fputs("fatal\n", f);
+        std::fclose(f);
+        throw std::runtime_error("a listener that fails");  // must not stop the abort
+      }
+    };
+    static FileListener listener;
+    listener.path = marker;
+    AlertManager::Instance()->AddAlertListener(&listener);
+    std::freopen("/dev/null", "w", stderr);
+    std::thread([] { throw std::runtime_error("nobody catches this"); }).join();
+    return 0;
+  });
+  ASSERT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(WTERMSIG(status), SIGABRT);
+  EXPECT_EQ(kvtest::read_file(marker), "fatal\n");
+}
+
+TEST(ZubAssert, NullMutexLockIsAFailedAssertion) {
+  try {
+    Lock lock(static_cast<Mutex*>(nullptr), Elapse(0x7FFFFFFF, 3));
+    FAIL() << "no assertion";
+  } catch (const AssertionError& e) {
+    EXPECT_STREQ(e.what(), "Assertion failed: m_Mutex != 0");
+  }
+  EXPECT_THROW(ZUB_ASSERT(1 + 1 == 3), AssertionError);
+  EXPECT_NO_THROW(ZUB_ASSERT(1 + 1 == 2));
+}
+
+TEST(ZubMutex, RecursiveForTheOwnerTimedForOthers) {
+  Mutex mutex;
+  ASSERT_TRUE(mutex.Lock(Elapse(0x7FFFFFFF, 3)));
+  ASSERT_TRUE(mutex.Lock(Elapse(0, 3)));  // the owner may lock again at once
+  std::atomic<int> result{-1};
+  const auto start = std::chrono::steady_clock::now();
+  std::thread([&] { result = mutex.Lock(Elapse(60, 3)) ? 1 : 0; }).join();
+  const auto waited = std::chrono::steady_clock::now() - start;
+  EXPECT_EQ(result.load(), 0);
+  EXPECT_GE(waited, std::chrono::milliseconds(55));
+  mutex.Unlock();
+  std::thread([&] { result = mutex.TryLock() ? 1 : 0; }).join();
+  EXPECT_EQ(result.load(), 0) << "still held once";
+  mutex.Unlock();
+  std::thread([&] {
+    result = mutex.Lock(Elapse(60, 3)) ? 1 : 0;
+    if (result == 1) mutex.Unlock();
+  }).join();
+  EXPECT_EQ(result.load(), 1);
+}
+
+TEST(ZubMutex, ElapseUnitsAndScopedLock) {
+  EXPECT_EQ(Elapse(5, Elapse::Milliseconds).GetNanoseconds(), 5000000);
+  EXPECT_EQ(Elapse(5, Elapse::Seconds).GetNanoseconds(), 5000000000LL);
+  EXPECT_EQ(Elapse(5, Elapse::Microseconds).GetNanoseconds(), 5000);
+  EXPECT_EQ(Elapse(5, Elapse::Ticks100ns).GetNanoseconds(), 500);
+  EXPECT_TRUE(Elapse(0x7FFFFFFF, 3).IsUnlimited());
+  EXPECT_FALSE(Elapse(0x7FFFFFFE, 3).IsUnlimited());
+
+  Mutex mutex;
+  {
+    Lock lock(mutex, Elapse(0x7FFFFFFF, 3));
+    EXPECT_TRUE(lock.IsLocked());
+    std::atomic<bool> other{true};
+    std::thread([&] { other = mutex.TryLock(); }).join();
+    EXPECT_FALSE(other.load());
+  }
+  std::atomic<bool> after{false};
+  std::thread([&] {
+    after = mutex.TryLock();
+    if (after) mutex.Unlock();
+  }).join();
+  EXPECT_TRUE(after.load()) << "the scoped lock released the mutex";
+}
+
+TEST(ZubLogging, FiltersDecideWhatReachesTheSinks) {
+  LogManager manager;
+  kvtest::CaptureSink unused;  // attached to the process service, must see nothing of this manager
+  struct Sink : LogSink {
+    std::vector<std::string> lines;
+    void Write(const std::string& logger, int severity, const std::string& text) override {
+      lines.push_back(logger + "/" + std::to_string(severity) + "/" + text);
+    }
+  } sink;
+  manager.AddSink(&sink);
+  auto logger = manager.GetLogger("Korvalis.Stage");
+  EXPECT_EQ(manager.GetLogger("Korvalis.Stage"), logger) << "one logger per name";
+  EXPECT_EQ(logger->GetSeverityFilters(), LogManager::kDefaultFilters);
+
+  logger->WriteLog(ZubLogDebug, "dropped %d", 1);
+  logger->WriteLog(ZubLogError, "kept %d", 2);
+  manager.SetSeverityFilters("Korvalis.Stage", 1u << ZubLogDebug);
+  EXPECT_EQ(manager.GetSeverityFilters("Korvalis.Stage"), 16u);
+  logger->WriteLog(ZubLogDebug, "now %s", "debug");
+  logger->WriteLog(ZubLogError, "error filtered");
+  EXPECT_EQ(sink.lines, (std::vector<std::string>{"Korvalis.Stage/1/kept 2", "Korvalis.Stage/4/now debug"}));
+
+  manager.RemoveSink(&sink);
+  logger->WriteLog(ZubLogDebug, "after removal");
+  EXPECT_EQ(sink.lines.size(), 2u);
+  EXPECT_TRUE(unused.entries().empty());
+}
+
+TEST(ZubLogging, LongLinesAreFormattedWhole) {
+  LogManager manager;
+  struct Sink : LogSink {
+    std::string last;
+    void Write(const std::string&, int, const std::string& text) override { last = text; }
+  } sink;
+  manager.AddSink(&sink);
+  manager.SetSeverityFilters("long", 1u << ZubLogInfo);
+  const std::string payload(5000, 'x');
+  manager.GetLogger("long")->WriteLog(ZubLogInfo, "<%s|%d>", payload.c_str(), 77);
+  EXPECT_EQ(sink.last, "<" + payload + "|77>");
+  manager.GetLogger("long")->WriteLog(ZubLogInfo, "short %s", "again");
+  EXPECT_EQ(sink.last, "short again");
+}
+
+TEST(ZubLogging, DebugRulesMatchFullNamesLastComponentsOrAll) {
+  LogManager manager;
+  manager.GetLogger("Korvalis.Motion");  // exists before the rules: gets the bit too
+  manager.SetDebugRules(" csl ; Motion,Korvalis.Zoom");
+  const uint32_t debug = 1u << ZubLogDebug;
+  EXPECT_TRUE(manager.GetSeverityFilters("Korvalis.CSL") & debug);
+  EXPECT_TRUE(manager.GetSeverityFilters("Korvalis.Motion") & debug);
+  EXPECT_TRUE(manager.GetSeverityFilters("korvalis.zoom") & debug);
+  EXPECT_FALSE(manager.GetSeverityFilters("Korvalis.Mouse") & debug);
+  EXPECT_FALSE(manager.GetSeverityFilters("Other.CSLX") & debug);
+
+  LogManager everything;
+  everything.SetDebugRules("all");
+  EXPECT_TRUE(everything.GetSeverityFilters("Anything.At.All") & debug);
+}
+
+TEST(ZubLogging, EnvironmentChoosesTheSink) {
+  kvtest::TempDir dir;
+  const std::string path = dir.file("log.txt");
+  const std::string target = "file:" + path;
+  setenv("KVCORE_LOG", target.c_str(), 1);
+  setenv("KVCORE_DEBUG", "Gui", 1);
+  {
+    LogManager manager;
+    manager.ConfigureFromEnvironment();
+    manager.GetLogger("Korvalis.Gui")->WriteLog(ZubLogDebug, "line %d\n", 1);
+    manager.GetLogger("Korvalis.Fan")->WriteLog(ZubLogDebug, "not this one\n");
+  }
+  EXPECT_EQ(kvtest::read_file(path), "line 1\n");
+
+  setenv("KVCORE_LOG", "none", 1);
+  {
+    LogManager manager;
+    manager.ConfigureFromEnvironment();
+    manager.GetLogger("Korvalis.Gui")->WriteLog(ZubLogDebug, "line 2\n");
+  }
+  EXPECT_EQ(kvtest::read_file(path), "line 1\n");
+  unsetenv("KVCORE_LOG");
+  unsetenv("KVCORE_DEBUG");
+}
+
+TEST(ZubLogging, ServiceCanBeReplacedAndRemoved) {
+  LogManager* original = LogManager::Instance();
+  ASSERT_NE(original, nullptr);
+  LogManager replacement;
+  EXPECT_EQ(LogManager::Install(&replacement), original);
+  EXPECT_EQ(LogManager::Instance(), &replacement);
+  EXPECT_EQ(LogManager::Install(nullptr), &replacement);
+  EXPECT_EQ(LogManager::Instance(), nullptr);
+  EXPECT_EQ(LogManager::Install(original), nullptr);
+  EXPECT_EQ(LogManager::Instance(), original);
+}
+
+TEST(ZubPathName, QueriesAndDirectoryCreation) {
+  kvtest::TempDir dir;
+  PathName sub = PathName(dir.path()) / "made";
+  EXPECT_FALSE(sub.Exists());
+  EXPECT_TRUE(sub.CreateDirectory());
+  EXPECT_TRUE(sub.Exists());
+  EXPECT_TRUE(sub.IsDirectory());
+  EXPECT_FALSE(sub.CreateDirectory()) << "already there";
+  EXPECT_FALSE((sub / "a" / "b").CreateDirectory()) << "parent missing";
+  EXPECT_EQ(PathName("/data/run/file.txt").GetBase(), "file.txt");
+  EXPECT_EQ(PathName("/data/run/file.txt").GetBranch().ToString(), "/data/run");
+  EXPECT_EQ(PathName("/data/run/").GetBase(), "run");
+  EXPECT_FALSE(PathName("").Exists());
+}
+
+TEST(ZubCallback, FunctionCallbackRunsItsFunction) {
+  int calls = 0;
+  boost::shared_ptr<Callback> cb(new FunctionCallback([&calls] { ++calls; }));
+  cb->Invoke();
+  cb->Invoke();
+  EXPECT_EQ(calls, 2);
+  FunctionCallback empty{std::function<void()>()};
+  EXPECT_NO_THROW(empty.Invoke());
+}
