@@ -18,6 +18,9 @@ namespace {
 // Set once by the first reader; two first readers at once both set equal values.
 std::atomic<bool> g_clockReady{false};
 std::atomic<double> g_ticksPerMicrosecond{1.0};
+// The counter's ticks per microsecond when that is a whole number (0 when
+// not), so that the common counters are scaled without a floating division.
+std::atomic<uint64_t> g_wholeTicksPerMicrosecond{0};
 std::atomic<uint64_t> g_epoch{0};
 
 void start_clock() {
@@ -26,6 +29,7 @@ void start_clock() {
   const double ticksPerMicrosecond = static_cast<double>(frequency) / 1e6;
   if (frequency == 0 || ticksPerMicrosecond < 1.0) sys_abort("Timer error");
   g_ticksPerMicrosecond.store(ticksPerMicrosecond, std::memory_order_relaxed);
+  g_wholeTicksPerMicrosecond.store(frequency % 1000000u == 0 ? frequency / 1000000u : 0, std::memory_order_relaxed);
   g_epoch.store(kvos::perf_counter(), std::memory_order_relaxed);
   g_clockReady.store(true, std::memory_order_release);
 }
@@ -33,8 +37,13 @@ void start_clock() {
 }  // namespace
 
 uint64_t timer_us_large_int() {
-  if (!g_clockReady.load(std::memory_order_acquire)) start_clock();
+  if (!g_clockReady.load(std::memory_order_acquire)) [[unlikely]]
+    start_clock();
   const uint64_t elapsed = kvos::perf_counter() - g_epoch.load(std::memory_order_relaxed);
+  const uint64_t whole = g_wholeTicksPerMicrosecond.load(std::memory_order_relaxed);
+  if (whole == 1000) [[likely]]
+    return elapsed / 1000;  // a nanosecond counter: a division by a constant is a multiplication
+  if (whole != 0) return elapsed / whole;
   return static_cast<uint64_t>(static_cast<double>(elapsed) / g_ticksPerMicrosecond.load(std::memory_order_relaxed));
 }
 
