@@ -143,22 +143,17 @@ Timer::Timer(const Timer& other)
       m_callback(other.m_callback),
       m_link(std::make_shared<Link>(this)) {}
 
-namespace {
-
-// Lets go of a shared system timer; the last holder cancels it.
-void release(std::shared_ptr<Timer::Handle>& handle) {
-  if (handle && handle.use_count() == 1 && !handle->timer.cancel()) timer_error();
-  handle.reset();
+void Timer::ReleaseHandle() {
+  if (m_handle && m_handle.use_count() == 1 && !m_handle->timer.cancel()) timer_error();
+  m_handle.reset();
 }
-
-}  // namespace
 
 Timer& Timer::operator=(const Timer& other) {
   if (this == &other) return *this;
   m_link->target.store(nullptr);  // expiries of the timer left behind no longer reach this object
   m_link = std::make_shared<Link>(this);
   std::shared_ptr<Handle> handle = other.m_handle;
-  release(m_handle);
+  ReleaseHandle();
   m_handle = std::move(handle);
   m_seconds = other.m_seconds;
   m_callback = other.m_callback;
@@ -167,7 +162,7 @@ Timer& Timer::operator=(const Timer& other) {
 
 Timer::~Timer() {
   m_link->target.store(nullptr);
-  release(m_handle);
+  ReleaseHandle();
 }
 
 void Timer::Init(boost::shared_ptr<Zub::Core::Callback> callback, double seconds) {

@@ -79,13 +79,15 @@ class KVCORE_API Timer {
   // Called at expiry (see above); overridden to act on it.
   virtual void Fire();
 
-  struct Handle;
-  struct Link;
-
  protected:
   void Init(boost::shared_ptr<Zub::Core::Callback> callback, double seconds);
 
  private:
+  struct Handle;
+  struct Link;
+  // Lets go of the shared system timer; the last holder cancels it.
+  void ReleaseHandle();
+
   std::shared_ptr<Handle> m_handle;  // the system timer, shared by copies
   double m_seconds;
   boost::shared_ptr<Zub::Core::Callback> m_callback;

@@ -1,5 +1,4 @@
-// The OS boundary's threads, events, completion queues, waitable timers,
-// message-pump hook and process clock.
+// The OS boundary's threads, events, completion queues and waitable timers.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,8 +9,6 @@
 #include <vector>
 
 #include "kvos/fault.h"
-#include "kvos/process.h"
-#include "kvos/pump.h"
 #include "kvos/thread.h"
 #include "kvos/time.h"
 #include "kvos/waitable_timer.h"
@@ -243,49 +240,6 @@ TEST(OsWaitableTimer, InjectedFailures) {
   EXPECT_FALSE(timer.cancel());
   EXPECT_TRUE(timer.arm(in_ms(1)));
   EXPECT_EQ(timer.wait(1000), kvos::kWaitSignalled);
-}
-
-struct FakeQueue {
-  int waiting = 0;
-  int removed = 0;
-  int dispatched = 0;
-};
-
-TEST(OsPump, WithoutAPumpTheQueueIsEmptyAndAnInstalledOneIsCalled) {
-  kvos::pump_install(nullptr);
-  EXPECT_FALSE(kvos::pump_installed());
-  EXPECT_FALSE(kvos::pump_peek());
-  EXPECT_EQ(kvos::pump_get(), -1);
-
-  FakeQueue queue{2, 0, 0};
-  kvos::MessagePumpHooks hooks;
-  hooks.peek = [](void* c) { return static_cast<FakeQueue*>(c)->waiting > 0; };
-  hooks.get = [](void* c) {
-    auto* q = static_cast<FakeQueue*>(c);
-    --q->waiting;
-    ++q->removed;
-    return 1;
-  };
-  hooks.dispatch = [](void* c) { ++static_cast<FakeQueue*>(c)->dispatched; };
-  hooks.context = &queue;
-  kvos::pump_install(&hooks);
-  EXPECT_TRUE(kvos::pump_installed());
-  while (kvos::pump_peek()) {
-    EXPECT_EQ(kvos::pump_get(), 1);
-    kvos::pump_dispatch();
-  }
-  EXPECT_EQ(queue.removed, 2);
-  EXPECT_EQ(queue.dispatched, 2);
-  kvos::pump_install(nullptr);
-  EXPECT_FALSE(kvos::pump_peek());
-}
-
-TEST(OsProcess, ElapsedTimeFollowsTheWallClock) {
-  const uint64_t before = kvos::process_elapsed_ms();
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  const uint64_t after = kvos::process_elapsed_ms();
-  EXPECT_GE(after - before, 29u);
-  EXPECT_LT(after - before, 1000u);
 }
 
 }  // namespace
