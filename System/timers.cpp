@@ -1,4 +1,4 @@
-// The process-wide microsecond clock.
+// Time services: the clock, delays, the stopwatch, Timer, TimeDebug, the uptime and diagnostics.
 #include "timers.h"
 
 #include <algorithm>
