@@ -42,7 +42,7 @@ std::string logger_name(DebugType type) { return std::string("Korvalis.") + kCat
 // Serialises category output across threads.
 Zub::Core::Mutex g_outputMutex KV_INIT(KV_PRIO_DEBUG);
 
-const Zub::Core::Elapse kForever(0x7FFFFFFF, 3);
+const Zub::Core::Elapse kForever KV_INIT(KV_PRIO_DEBUG)(0x7FFFFFFF, 3);
 
 // Loggers of the output categories for the current service, looked up once.
 // The service owns them for its lifetime; the pointers are dropped whenever a

@@ -3,12 +3,14 @@
 
 #include <atomic>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstdio>
 
 #include "ConsoleWindow.h"
 #include "DebugManager.h"
 #include "ProcessManager.h"
 #include "Zub/Core/PathName.h"
+#include "heap.h"
 #include "kvinit.h"
 #include "kvos/console.h"
 #include "kvos/debugger.h"
@@ -278,6 +280,7 @@ void SysManager::Initialize() {
         raise_sysman_error(222, "SysManager::Initialize", "void __cdecl SysManager::Initialize(void)",
                            "Get/SetEnvironmentVariable(tz) failed");
     }
+    heapman_mgr::initialize();
     GetExeFileName();
     ConfigureConsole();
     ProcessManager::initialize();
@@ -461,3 +464,25 @@ bool SysManager::SetFiberStackTraceDirPath(const std::string& dir) {
 }
 
 std::string SysManager::GetFiberStackTraceDirPath() { return m_stackTraceDirPath; }
+// ---------------------------------------------------------------------------
+// Library load and unload
+
+void kvExitFunc() {
+  if (mainheap == nullptr) return;
+  kvos::debugger_output("kvExitFunc: deleting mainheap\n");
+  heap* root = mainheap;
+  root->~heap();
+  mainheap = nullptr;
+  KvOperatorDelete(root);
+}
+
+namespace {
+
+// Process attach: runs after every global of the library is constructed, so
+// kvExitFunc runs before their destructors.
+__attribute__((constructor(KV_PRIO_ATTACH))) void kv_process_attach() {
+  SysManager::m_hModule = kvos::executable_module();
+  std::atexit(kvExitFunc);
+}
+
+}  // namespace

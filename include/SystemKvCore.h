@@ -3,9 +3,12 @@
 
 #include "ConsoleWindow.h"
 #include "DebugManager.h"
+#include "FILENAME.h"
 #include "KvExport.h"
+#include "LIST.h"
 #include "ProcessManager.h"
 #include "TerminationManager.h"
 #include "filetime.h"
+#include "heap.h"
 #include "sysman.h"
 #include "timers.h"

@@ -111,6 +111,11 @@ struct SysFileioBuffer {
   uint64_t size;    // bytes to transfer
 };
 
+// Runs at process exit (registered when the library is loaded): when mainheap
+// exists, writes "kvExitFunc: deleting mainheap" to the debugger output and
+// destroys mainheap, and with it every heap.
+KVCORE_API void kvExitFunc();
+
 // The library's static front door: start-up, crash-safe file writing, file
 // times and the descriptive strings that head every diagnostic dump.
 class KVCORE_API SysManager {

@@ -34,6 +34,8 @@ int demo_debug_output() {
   Debug(dbgCSL, "CSL: demo line %d of %d\n", 1, 2);
   Debug(dbgMotion, "this Motion line is filtered out\n");
   Debug(dbgCSL, "CSL: demo line %d of %d (%s)\n", 2, 2, "the Motion line between was dropped");
+  service->RemoveSink(&sink);
+  CSL::DebugManager::DebugFlagSet(dbgCSL, false);
   return 0;
 }
 

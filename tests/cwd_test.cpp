@@ -1,0 +1,304 @@
+// Working directories and drives: CWD, getcwd/setcwd, the current drive,
+// dir_exists and drive_exists. <unistd.h> comes first on purpose: the
+// library's getcwd(int) must live beside the POSIX one.
+#include <unistd.h>
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "FILENAME.h"
+#include "kvos/drives.h"
+#include "kvos/module.h"
+#include "test_support.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string process_cwd() {
+  char buffer[PATH_MAX];
+  return ::getcwd(buffer, sizeof buffer) != nullptr ? buffer : "";
+}
+
+std::string dos_of(const std::string& host) {
+  std::string dos;
+  return kvos::host_to_dos(host, dos) ? dos : "<none>";
+}
+
+// A temporary directory mapped as drive q:; the table, the working directory,
+// CWD's current drive, start directory and capture directory, and the current
+// drive's slot are put back afterwards.
+class Cwd : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    savedCwd_ = process_cwd();
+    savedDrive_ = CWD::GetDrive();
+    savedStart_ = CWD::Start();
+    savedSlot_ = CWD::Get(0);
+    root_ = fs::canonical(tmp_.path()).string();
+    ASSERT_TRUE(drive_map('q', root_.c_str()));
+    fs::create_directories(root_ + "/sub/deeper");
+    kvtest::write_file(root_ + "/file.txt", "f");
+  }
+
+  void TearDown() override {
+    ASSERT_EQ(chdir(savedCwd_.c_str()), 0);
+    CWD::SetDrive(savedDrive_);
+    CWD::Start(savedStart_);
+    CWD::Set(savedSlot_);
+    CWD::CaptureDir(dirname());
+    drive_unmap('q');
+  }
+
+  kvtest::TempDir tmp_;
+  std::string root_;
+
+ private:
+  std::string savedCwd_;
+  int savedDrive_ = 0;
+  dirname savedStart_;
+  dirname savedSlot_;
+};
+
+}  // namespace
+
+TEST_F(Cwd, GetcwdOverloadsThePosixOne) {
+  const int drive = get_cur_drive();
+  ASSERT_NE(drive, 0x60) << "the working directory is on no drive";
+  EXPECT_EQ(drive, kvos::drive_current());
+  char buffer[PATH_MAX];
+  ASSERT_NE(::getcwd(buffer, sizeof buffer), nullptr);
+  EXPECT_EQ(std::string(*getcwd(drive)), dos_of(buffer));
+  EXPECT_TRUE(getcwd(drive).is_valid());
+}
+
+TEST_F(Cwd, GetcwdOfSpecialAndUnmappedDrives) {
+  EXPECT_EQ(std::string(*getcwd('!')), "!:\\");
+  ASSERT_TRUE(kvos::drive_root('p').empty());
+  const dirname p = getcwd('p');
+  EXPECT_TRUE(p.is_valid());
+  EXPECT_EQ(std::string(*p), "p:\\") << "an unreadable drive gives its root";
+  EXPECT_EQ(std::string(*getcwd('q')), "q:\\") << "another drive starts at its root";
+  EXPECT_EQ(std::string(*getcwd('Q')), "q:\\") << "upper case is no drive number: the root text";
+  EXPECT_FALSE(getcwd('#').is_valid());
+}
+
+TEST_F(Cwd, SetcwdAndTheCurrentDrive) {
+  const int home = get_cur_drive();
+  const std::string homeDir = *getcwd(home);
+  kvtest::CaptureSink sink;
+  kvtest::CategoryScope csl(dbgCSL);
+
+  ASSERT_TRUE(setcwd("q:\\SUB\\deeper"));
+  EXPECT_EQ(process_cwd(), root_ + "/sub/deeper");
+  EXPECT_EQ(get_cur_drive(), 'q');
+  EXPECT_EQ(std::string(*getcwd('q')), "q:\\sub\\deeper");
+  EXPECT_EQ(std::string(*getcwd(home)), homeDir) << "the other drive kept its directory";
+  ASSERT_TRUE(setcwd("..\\..\\sub"));
+  EXPECT_EQ(std::string(*getcwd('q')), "q:\\sub") << "relative to the working directory";
+  EXPECT_EQ(sink.text(), "");
+
+  EXPECT_FALSE(setcwd("q:\\missing"));
+  EXPECT_FALSE(setcwd(nullptr));
+  EXPECT_EQ(std::string(*getcwd('q')), "q:\\sub");
+  EXPECT_NE(sink.text().find("CSL: setcwd: cannot change the working directory to \"q:\\missing\"\n"),
+            std::string::npos)
+      << sink.text();
+
+  set_cur_drive(home);
+  EXPECT_EQ(get_cur_drive(), home);
+  EXPECT_EQ(std::string(*getcwd(home)), homeDir);
+  set_cur_drive('q');
+  EXPECT_EQ(process_cwd(), root_ + "/sub");
+  set_cur_drive('!');
+  EXPECT_EQ(get_cur_drive(), 'q') << "! is ignored";
+  sink.clear();
+  set_cur_drive('p');
+  EXPECT_EQ(get_cur_drive(), 'q');
+  EXPECT_NE(sink.text().find("CSL: set_cur_drive"), std::string::npos);
+}
+
+TEST_F(Cwd, DirExists) {
+  EXPECT_TRUE(dir_exists(dirname("!:\\")));
+  EXPECT_FALSE(dir_exists(dirname("!:\\x")));
+  EXPECT_FALSE(dir_exists(dirname()));
+  EXPECT_FALSE(dir_exists(dirname("c:\\..")));
+  EXPECT_TRUE(dir_exists(dirname("q:\\")));
+  EXPECT_TRUE(dir_exists(dirname("q:\\SUB\\Deeper")));
+  EXPECT_FALSE(dir_exists(dirname("q:\\file.txt"))) << "a file is no directory";
+  EXPECT_FALSE(dir_exists(dirname("q:\\nothing")));
+  EXPECT_FALSE(dir_exists(dirname("p:\\"))) << "unmapped drive";
+  EXPECT_FALSE(dir_exists(dirname("&:\\")));
+  EXPECT_FALSE(dir_exists(dirname("\\\\server\\share"))) << "no network root";
+}
+
+TEST_F(Cwd, DriveExists) {
+  EXPECT_TRUE(drive_exists('!'));
+  EXPECT_TRUE(drive_exists('&'));
+  EXPECT_TRUE(drive_exists('q'));
+  EXPECT_TRUE(drive_exists('Q'));
+  EXPECT_FALSE(drive_exists('p'));
+  EXPECT_FALSE(drive_exists('#'));
+  EXPECT_FALSE(drive_exists(0));
+
+  bool removable = true, remote = true;
+  EXPECT_TRUE(drive_exists('!', removable, remote));
+  EXPECT_FALSE(removable || remote);
+  removable = remote = true;
+  EXPECT_FALSE(drive_exists('p', removable, remote));
+  EXPECT_FALSE(removable || remote) << "outputs are cleared first";
+  removable = remote = true;
+  EXPECT_TRUE(drive_exists('q', removable, remote));
+  const int type = kvos::drive_type('q');
+  EXPECT_EQ(removable, type == kvos::kDriveRemovable);
+  EXPECT_EQ(remote, type == kvos::kDriveRemote);
+
+  ASSERT_TRUE(drive_map('r', (root_ + "/not-there").c_str()));
+  EXPECT_FALSE(drive_exists('r')) << "a drive whose root is missing";
+  drive_unmap('r');
+}
+
+TEST_F(Cwd, GetRefreshesADeletedDirectory) {
+  ASSERT_TRUE(setcwd("q:\\sub"));
+  CWD::SetDrive(get_cur_drive());
+  CWD::Set(dirname("q:\\sub\\deeper"));
+  EXPECT_EQ(std::string(*CWD::Get(0)), "q:\\sub\\deeper") << "the remembered directory";
+  EXPECT_EQ(std::string(*CWD::Get('q')), "q:\\sub\\deeper");
+  fs::remove(root_ + "/sub/deeper");
+  EXPECT_EQ(std::string(*CWD::Get(0)), "q:\\sub") << "gone: the drive's working directory";
+  CWD::Set(dirname("q:\\nowhere"));
+  EXPECT_EQ(std::string(*CWD::Get('q')), "q:\\sub");
+}
+
+TEST_F(Cwd, SlotsOfDriveCharacters) {
+  CWD::SetDrive('q');
+  CWD::Set(dirname("q:\\sub"));
+  EXPECT_EQ(std::string(*CWD::Get('&')), "q:\\sub") << "& uses the current drive's slot";
+  EXPECT_EQ(std::string(*CWD::Get('A')), "q:\\sub") << "so does any other character";
+
+  CWD::Set(dirname("!:\\"));
+  EXPECT_EQ(std::string(*CWD::Get('!')), "!:\\");
+  EXPECT_EQ(std::string(*CWD::Get('`')), "!:\\") << "the grave accent shares the slot of !";
+
+  ASSERT_TRUE(drive_map('z', root_.c_str()));
+  CWD::Set(dirname("z:\\sub"));
+  EXPECT_EQ(std::string(*CWD::Get('z')), "z:\\sub");
+  EXPECT_EQ(std::string(*CWD::Get('y')), "y:\\") << "an unmapped drive: its root";
+  drive_unmap('z');
+
+  CWD::Set(dirname());
+  CWD::Set(dirname("\\\\server\\share"));
+  EXPECT_EQ(std::string(*CWD::Get('q')), "q:\\sub") << "invalid and network directories are ignored";
+}
+
+TEST_F(Cwd, CurrentDriveCharacter) {
+  CWD::SetDrive('q');
+  EXPECT_EQ(CWD::GetDrive(), 'q');
+  CWD::SetDrive('!');
+  EXPECT_EQ(CWD::GetDrive(), '!');
+  CWD::SetDrive('Q');
+  EXPECT_EQ(CWD::GetDrive(), '!') << "not a drive character";
+  CWD::SetDrive('#');
+  EXPECT_EQ(CWD::GetDrive(), '!');
+  CWD::SetDrive(0);
+  EXPECT_EQ(CWD::GetDrive(), 0) << "the terminator of the drive characters is found too";
+}
+
+TEST_F(Cwd, StartAndExecutableDirectories) {
+  std::string exe;
+  ASSERT_TRUE(kvos::host_to_dos(kvos::executable_path(), exe));
+  const std::string exeDir = exe.substr(0, exe.rfind('\\'));
+  EXPECT_EQ(std::string(*CWD::Exe()), exeDir);
+  EXPECT_EQ(std::string(*cwd.Exe()), exeDir);
+  EXPECT_EQ(std::string(*CWD::Start()), dos_of(process_cwd())) << "the working directory at load";
+
+  CWD::Exe(dirname("c:\\elsewhere"));
+  EXPECT_EQ(std::string(*CWD::Exe()), "c:\\elsewhere");
+  CWD::Exe(dirname(exeDir.c_str()));
+  CWD::Start(dirname("q:\\sub"));
+  EXPECT_EQ(std::string(*dirname("deeper")), "q:\\sub\\deeper") << "relative text starts there";
+}
+
+TEST_F(Cwd, CaptureDirectorySubstitution) {
+  CWD::CaptureDir(dirname("q:\\missing"));
+  EXPECT_FALSE(CWD::HasCaptureDirectory());
+  EXPECT_EQ(std::string(*CWD::CaptureDir()), "");
+  dirname onCapture("!:\\x");
+  CWD::do_subst(onCapture);
+  EXPECT_EQ(std::string(*onCapture), "!:\\x") << "no capture directory: nothing changes";
+
+  CWD::CaptureDir(dirname("q:\\sub"));
+  ASSERT_TRUE(CWD::HasCaptureDirectory());
+  CWD::do_subst(onCapture);
+  EXPECT_EQ(std::string(*onCapture), "q:\\sub");
+  pathname file("!:\\data.txt");
+  CWD::do_subst(file);
+  EXPECT_EQ(std::string(*file), "q:\\sub\\data.txt");
+  pathname other("c:\\data.txt");
+  CWD::do_subst(other);
+  EXPECT_EQ(std::string(*other), "c:\\data.txt");
+  dirname invalid;
+  CWD::do_subst(invalid);
+  EXPECT_FALSE(invalid.is_valid());
+
+  CWD::CaptureDir(dirname("q:\\file.txt"));
+  EXPECT_FALSE(CWD::HasCaptureDirectory()) << "a file is no capture directory";
+}
+
+// The executable's DOS path is read as into a 255-character buffer: a longer
+// one stops the program while the library loads.
+TEST(CwdAtLoad, OverlongExecutablePathAborts) {
+  kvtest::TempDir tmp;
+  const std::string real = fs::canonical(tmp.path()).string();
+  std::string dosRoot;
+  ASSERT_TRUE(kvos::host_to_dos(real, dosRoot));
+  std::string deep = real;
+  while (deep.size() - real.size() + dosRoot.size() < 260) deep += "/" + std::string(40, 'd');
+  fs::create_directories(deep);
+  const std::string shortCopy = real + "/cwd_copy";
+  const std::string longCopy = deep + "/cwd_copy";
+  fs::copy_file(kvos::executable_path(), shortCopy);
+  fs::copy_file(kvos::executable_path(), longCopy);
+  const std::string args = " --gtest_list_tests > /dev/null 2>&1";
+
+  const int ok = std::system(("'" + shortCopy + "'" + args).c_str());
+  EXPECT_TRUE(WIFEXITED(ok) && WEXITSTATUS(ok) == 0) << "a short path loads";
+  const int aborted = std::system(("'" + longCopy + "'" + args).c_str());
+  EXPECT_FALSE(WIFEXITED(aborted) && WEXITSTATUS(aborted) == 0) << "a path over 251 characters stops at load";
+}
+
+TEST_F(Cwd, DriveTableInterfaceForHosts) {
+  bool listed = false;
+  for (const DriveMapping& d : drive_list())
+    if (d.letter == 'q') {
+      listed = true;
+      EXPECT_EQ(d.root, root_);
+      EXPECT_EQ(d.type, kvos::drive_type('q'));
+    }
+  EXPECT_TRUE(listed);
+  EXPECT_FALSE(drive_map('q', nullptr));
+  EXPECT_EQ(kvos::drive_root('q'), root_) << "a refused mapping changes nothing";
+
+  std::string host, dos;
+  EXPECT_TRUE(host_to_dos_path((root_ + "/sub").c_str(), dos));
+  EXPECT_EQ(dos, "q:\\sub");
+  EXPECT_TRUE(dos_to_host_path("q:\\SUB\\deeper", host));
+  EXPECT_EQ(host, root_ + "/sub/deeper");
+  EXPECT_FALSE(dos_to_host_path(nullptr, host));
+  EXPECT_FALSE(host_to_dos_path(nullptr, dos));
+
+  const std::string savedNetwork = network_root();
+  EXPECT_FALSE(network_root_set("relative"));
+  EXPECT_EQ(network_root(), "");
+  ASSERT_TRUE(network_root_set(root_.c_str()));
+  EXPECT_TRUE(dos_to_host_path("\\\\server\\share\\f.txt", host));
+  EXPECT_EQ(host, root_ + "/server/share/f.txt");
+  EXPECT_TRUE(network_root_set(nullptr));
+  EXPECT_FALSE(dos_to_host_path("\\\\server\\share\\f.txt", host));
+  network_root_set(savedNetwork.c_str());
+}

@@ -1,0 +1,454 @@
+// Tracked heaps: records, the heap tree, lookup by address, clearing,
+// reallocation, failures and threads.
+#include <gtest/gtest.h>
+
+#include <malloc.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "heap.h"
+#include "kvos/region_heap.h"
+#include "sysman.h"
+#include "test_support.h"
+
+namespace {
+
+const char* const kFile = "tests/heap";
+
+// Reaches the heap's protected operations for inspection.
+struct HeapAccess : heap {
+  static heap* find_in(heap* h, const void* p) { return (h->*(&HeapAccess::find))(p); }
+  static bool belongs_to(heap* h, const void* p) { return (h->*(&HeapAccess::belongs))(p); }
+  static void* realloc_in(heap* h, void* p, size_t n) { return (h->*(&HeapAccess::reallocator))(p, n); }
+};
+
+const heap_record* record_of(const void* p) {
+  return reinterpret_cast<const heap_record*>(static_cast<const char*>(p) - sizeof(heap_record));
+}
+
+// Busy blocks of a heap, by a walk of its underlying heap.
+std::vector<void*> busy_blocks(const heap* h) {
+  std::vector<void*> blocks;
+  kvos::heap_entry e;
+  while (kvos::region_heap_walk(static_cast<kvos::region_heap>(h->get_handle()), &e))
+    if (e.wFlags & kvos::heap_entry_busy) blocks.push_back(e.lpData);
+  return blocks;
+}
+
+bool mapped(const void* p) {
+  unsigned char v;
+  void* page = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(p) & ~uintptr_t(4095));
+  return mincore(page, 4096, &v) == 0;
+}
+
+template <typename F>
+std::string abort_text(F&& f) {
+  try {
+    f();
+  } catch (const SysManagerError& e) {
+    return e.what();
+  }
+  return "(no abort)";
+}
+
+class Heaps : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { heapman_mgr::initialize(); }
+};
+
+TEST_F(Heaps, MainHeapIsTheRoot) {
+  ASSERT_NE(mainheap, nullptr);
+  EXPECT_TRUE(heap::initialized);
+  EXPECT_STREQ(mainheap->get_name(), "main");
+  EXPECT_EQ(mainheap->get_flags(), heOWNHEAP);
+  EXPECT_EQ(mainheap->get_parent(), nullptr);
+  EXPECT_EQ(mainheap->get_max_size(), 0x12000000u);
+  EXPECT_EQ(mainheap->get_region_size(), 0x12000000u);
+  EXPECT_EQ(mainheap->get_magic(), heap::live_magic);
+  ASSERT_NE(mainheap->get_base(), nullptr);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(mainheap->get_base()) % 4096, 0u);
+  heap* before = mainheap;
+  heapman_mgr::initialize();
+  EXPECT_EQ(mainheap, before) << "initialize runs once";
+}
+
+TEST_F(Heaps, TrackedBlocksCarryTheirRecord) {
+  const int line = __LINE__;
+  char* p = static_cast<char*>(operator new(40, mainheap, kFile, line));
+  const heap_record* r = record_of(p);
+  EXPECT_EQ(r->file, kFile) << "the creator's string is kept by pointer";
+  EXPECT_EQ(r->line, line);
+  EXPECT_EQ(r->state, 0u);
+  EXPECT_EQ(r->guard, 0xCCCCCCCCu);
+  EXPECT_EQ(r->zero, 0u);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 8, 0u);
+  for (int i = 0; i < 40; ++i) ASSERT_EQ(p[i], 0) << "zero-filled";
+  EXPECT_NE(heap::call_addr, nullptr);
+  EXPECT_EQ(heapman_mgr::find(p), mainheap);
+  EXPECT_EQ(heapman_mgr::get_size(p), 40u);
+
+  const std::vector<void*> before = busy_blocks(mainheap);
+  EXPECT_NE(std::find(before.begin(), before.end(), static_cast<void*>(p - 24)), before.end())
+      << "the heap's block starts at the record";
+  std::memset(p, 0x77, 40);
+  KvOperatorDelete(p);
+  const std::vector<void*> after = busy_blocks(mainheap);
+  EXPECT_EQ(after.size(), before.size() - 1);
+  EXPECT_EQ(std::find(after.begin(), after.end(), static_cast<void*>(p - 24)), after.end());
+
+  // The array form and the placement delete land in the same heap.
+  int* numbers = new (mainheap, kFile, __LINE__) int[10];
+  EXPECT_EQ(heapman_mgr::find(numbers), mainheap);
+  KvOperatorDeleteArray(numbers);
+  KvOperatorDelete(nullptr);
+}
+
+TEST_F(Heaps, UntrackedBlocksBelongToTheRuntimeLibrary) {
+  char* raw = static_cast<char*>(KvOperatorNew(100));
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(raw[i], 0);
+  EXPECT_EQ(heapman_mgr::find(raw), nullptr);
+  EXPECT_EQ(heapman_mgr::get_size(raw), malloc_usable_size(raw));
+  KvOperatorDelete(raw);  // reaches free: a leak or a bad free shows under the sanitizers
+
+  void* untracked = operator new(64, static_cast<heap*>(nullptr), kFile, 1);
+  EXPECT_EQ(heapman_mgr::find(untracked), nullptr);
+  heapman_mgr::deallocator(untracked);
+
+  int local = 0;
+  EXPECT_EQ(heapman_mgr::find(&local), nullptr);
+  EXPECT_EQ(heapman_mgr::find(nullptr), nullptr);
+
+  // Reallocation of nothing is a zeroed runtime block; of a runtime block, realloc.
+  char* fresh = static_cast<char*>(heapman_mgr::reallocator(nullptr, 32));
+  for (int i = 0; i < 32; ++i) ASSERT_EQ(fresh[i], 0);
+  std::memcpy(fresh, "keep", 5);
+  char* bigger = static_cast<char*>(heapman_mgr::reallocator(fresh, 4000));
+  EXPECT_STREQ(bigger, "keep");
+  EXPECT_EQ(heapman_mgr::find(bigger), nullptr);
+  KvOperatorDelete(bigger);
+}
+
+TEST_F(Heaps, ConstructionRoundsSizesCutsNamesAndInherits) {
+  heap a(nullptr, 0x9000000, heNONE);
+  heap b(100);
+  heap c("c", 0x30000000, heNONE);
+  heap d("d", 0x12000000, heNONE);
+  heap e("abcdefghijklmnopqrstuvwxyz");
+  EXPECT_EQ(a.get_max_size(), 0x12000000u);
+  EXPECT_EQ(b.get_max_size(), 0x9000000u);
+  EXPECT_EQ(c.get_max_size(), 0x30000000u);
+  EXPECT_EQ(d.get_max_size(), 0x24000000u);
+  EXPECT_STREQ(a.get_name(), "");
+  EXPECT_STREQ(e.get_name(), "abcdefghijkl");
+  for (heap* h : {&a, &b, &c, &d, &e}) {
+    EXPECT_EQ(h->get_parent(), mainheap) << "a heap outside every heap hangs under mainheap";
+    EXPECT_EQ(h->get_flags() & heOWNHEAP, heOWNHEAP) << "inherited from the parent";
+    EXPECT_NE(h->get_base(), nullptr);
+    EXPECT_EQ(h->get_region_size(), h->get_max_size());
+    EXPECT_EQ(h->get_magic(), heap::live_magic);
+  }
+  // Children are appended in creation order.
+  std::vector<heap*> order;
+  for (heap* h = mainheap->get_first_child(); h != nullptr; h = h->get_next_sibling()) order.push_back(h);
+  auto at = [&](heap* h) { return std::find(order.begin(), order.end(), h) - order.begin(); };
+  EXPECT_LT(at(&a), at(&b));
+  EXPECT_LT(at(&b), at(&e));
+  EXPECT_LT(at(&e), static_cast<long>(order.size()));
+
+  heap plain("plain", heWINHEAP);
+  EXPECT_EQ(plain.get_base(), nullptr);
+  EXPECT_EQ(plain.get_region_size(), 0u);
+  EXPECT_NE(plain.get_handle(), nullptr);
+  EXPECT_EQ(plain.get_flags(), heWINHEAP | heOWNHEAP);
+}
+
+TEST_F(Heaps, DestroyingAHeapUnlinksItAndReleasesItsRegion) {
+  heap* h = new (mainheap, kFile, __LINE__) heap("gone");
+  void* base = h->get_base();
+  char* p = static_cast<char*>(operator new(10, h, kFile, __LINE__));
+  EXPECT_TRUE(mapped(base));
+  delete h;  // destructor, then the heap object leaves mainheap
+  EXPECT_FALSE(mapped(base));
+  EXPECT_EQ(heapman_mgr::find(p), nullptr);
+  for (heap* c = mainheap->get_first_child(); c != nullptr; c = c->get_next_sibling()) EXPECT_NE(c, h);
+}
+
+TEST_F(Heaps, LookupByAddressFollowsTheTree) {
+  heap* parent = new (mainheap, kFile, __LINE__) heap("parent");
+  heap* child = new (parent, kFile, __LINE__) heap("child");
+  heap* grandchild = new (child, kFile, __LINE__) heap("grandchild");
+  heap* plain = new (parent, kFile, __LINE__) heap("plain", heWINHEAP);
+  EXPECT_EQ(child->get_parent(), parent) << "a heap made in another heap's memory is its child";
+  EXPECT_EQ(grandchild->get_parent(), child);
+  EXPECT_EQ(parent->get_first_child(), child);
+  EXPECT_EQ(child->get_next_sibling(), plain);
+  EXPECT_EQ(heapman_mgr::find(child), parent);
+
+  char* inParent = static_cast<char*>(operator new(100, parent, kFile, 1));
+  char* inGrandchild = static_cast<char*>(operator new(100, grandchild, kFile, 2));
+  char* inPlain = static_cast<char*>(operator new(100, plain, kFile, 3));
+  EXPECT_EQ(heapman_mgr::find(inParent), parent);
+  EXPECT_EQ(heapman_mgr::find(inGrandchild), grandchild);
+  EXPECT_EQ(heapman_mgr::find(inPlain), plain);
+  EXPECT_EQ(heapman_mgr::find(inGrandchild + 50), grandchild) << "a fixed region answers by range";
+  EXPECT_EQ(heapman_mgr::find(inPlain + 16), nullptr) << "a plain heap knows only its blocks' exact addresses";
+  EXPECT_TRUE(HeapAccess::belongs_to(grandchild, inGrandchild));
+  EXPECT_FALSE(HeapAccess::belongs_to(grandchild, inParent));
+  EXPECT_EQ(HeapAccess::find_in(child, inParent), nullptr) << "find looks at a heap and below only";
+  EXPECT_EQ(HeapAccess::find_in(plain, inPlain), plain);
+
+  // Blocks of a plain heap have no record; their size is exact.
+  EXPECT_EQ(heapman_mgr::get_size(inPlain), 100u);
+  EXPECT_EQ(heapman_mgr::get_size(inGrandchild), 100u);
+  KvOperatorDelete(inPlain);
+  EXPECT_EQ(busy_blocks(plain).size(), 0u);
+
+  // The whole subtree dies with its root.
+  void* grandchildBase = grandchild->get_base();
+  delete parent;
+  EXPECT_FALSE(mapped(grandchildBase));
+  EXPECT_EQ(heapman_mgr::find(inGrandchild), nullptr);
+}
+
+TEST_F(Heaps, HeapsBelowAPlainHeapStillTakeTheirBlocksBack) {
+  heap* plain = new (mainheap, kFile, __LINE__) heap("plain", heWINHEAP);
+  heap* below = new (plain, kFile, __LINE__) heap("below");
+  EXPECT_EQ(below->get_parent(), plain);
+  char* p = static_cast<char*>(operator new(64, below, kFile, 1));
+  EXPECT_EQ(heapman_mgr::find(p), nullptr) << "the children of a plain heap are not searched";
+  const size_t before = busy_blocks(below).size();
+  KvOperatorDelete(p);  // must not reach the runtime library's free
+  EXPECT_EQ(busy_blocks(below).size(), before - 1);
+  delete plain;
+}
+
+TEST_F(Heaps, NearAllocationAndStringCopiesGoToTheHeapHoldingTheObject) {
+  heap* h = new (mainheap, kFile, __LINE__) heap("near");
+  int* object = new (h, kFile, __LINE__) int(5);
+  char* copy = strdup(object, "abc");
+  EXPECT_STREQ(copy, "abc");
+  EXPECT_EQ(heapman_mgr::find(copy), h);
+  EXPECT_STREQ(record_of(copy)->file, "System/heap");
+  EXPECT_EQ(record_of(copy)->line, 310);
+  EXPECT_EQ(heapman_mgr::get_size(copy), 4u);
+
+  double* nearby = new (reinterpret_cast<_FindHeap*>(object), kFile, 77) double(1.5);
+  EXPECT_EQ(heapman_mgr::find(nearby), h);
+  EXPECT_EQ(record_of(nearby)->line, 77);
+
+  char* mainCopy = sys_strdup("main text");
+  EXPECT_EQ(heapman_mgr::find(mainCopy), mainheap);
+  EXPECT_EQ(record_of(mainCopy)->line, 289);
+
+  int local = 0;
+  char* untracked = strdup(&local, "xyz");
+  EXPECT_STREQ(untracked, "xyz");
+  EXPECT_EQ(heapman_mgr::find(untracked), nullptr) << "near nothing tracked: the runtime library";
+  KvOperatorDelete(untracked);
+  KvOperatorDelete(mainCopy);
+  delete h;
+}
+
+TEST_F(Heaps, ClearEmptiesFixedAndPlainHeaps) {
+  heap* fixed = new (mainheap, kFile, __LINE__) heap("fixed");
+  void* handle = fixed->get_handle();
+  void* base = fixed->get_base();
+  std::vector<char*> blocks;
+  for (int i = 0; i < 12000; ++i) blocks.push_back(static_cast<char*>(operator new(8 + i % 64, fixed, kFile, i)));
+  heap* inner = new (fixed, kFile, __LINE__) heap("inner");
+  operator new(10, inner, kFile, 1);
+  ASSERT_EQ(fixed->get_first_child(), inner);
+  EXPECT_EQ(busy_blocks(fixed).size(), 12001u);
+  fixed->clear();
+  EXPECT_EQ(busy_blocks(fixed).size(), 0u) << "more blocks than one chunk of the helper list";
+  EXPECT_EQ(fixed->get_first_child(), nullptr);
+  EXPECT_EQ(fixed->get_handle(), handle) << "a fixed heap keeps its handle and region";
+  EXPECT_EQ(fixed->get_base(), base);
+  EXPECT_EQ(heapman_mgr::find(blocks[5]), fixed) << "the region still answers by range";
+  char* again = static_cast<char*>(operator new(16, fixed, kFile, 1));
+  EXPECT_EQ(heapman_mgr::find(again), fixed);
+  fixed->clear();
+  EXPECT_TRUE(busy_blocks(fixed).empty()) << "a second, smaller clear";
+
+  heap* plain = new (mainheap, kFile, __LINE__) heap("plain", heWINHEAP);
+  void* oldHandle = plain->get_handle();
+  char* inPlain = static_cast<char*>(operator new(50, plain, kFile, 1));
+  EXPECT_EQ(heapman_mgr::find(inPlain), plain);
+  plain->clear();
+  EXPECT_NE(plain->get_handle(), nullptr);
+  EXPECT_NE(plain->get_handle(), oldHandle) << "a plain heap gets a new handle";
+  EXPECT_EQ(heapman_mgr::find(inPlain), nullptr);
+  EXPECT_NE(operator new(50, plain, kFile, 2), nullptr);
+  delete plain;
+  delete fixed;
+}
+
+TEST_F(Heaps, ReallocationKeepsTheOddSizeAndIgnoresFailure) {
+  heap* h = new (mainheap, kFile, __LINE__) heap("realloc");
+  char* p = static_cast<char*>(operator new(50, h, kFile, 9));
+  std::memset(p, 'x', 50);
+  char* q = static_cast<char*>(heapman_mgr::reallocator(p, 200));
+  EXPECT_EQ(heapman_mgr::find(q), h);
+  EXPECT_EQ(heapman_mgr::get_size(q), 200u - 24) << "the requested size is passed on unchanged";
+  for (int i = 0; i < 50; ++i) ASSERT_EQ(q[i], 'x');
+  for (int i = 50; i < 176; ++i) ASSERT_EQ(q[i], 0) << "growth is zeroed";
+  EXPECT_EQ(record_of(q)->line, 9) << "the record moves with the block";
+  EXPECT_EQ(record_of(q)->guard, 0xCCCCCCCCu);
+
+  void* failed = heapman_mgr::reallocator(q, size_t(0x20000000));
+  EXPECT_EQ(failed, reinterpret_cast<void*>(24)) << "a failed reallocation is not tested for";
+  EXPECT_EQ(heapman_mgr::get_size(q), 176u) << "the block is left as it was";
+
+  heap* plain = new (mainheap, kFile, __LINE__) heap("plainre", heWINHEAP);
+  char* w = static_cast<char*>(operator new(10, plain, kFile, 1));
+  char* w2 = static_cast<char*>(HeapAccess::realloc_in(plain, w, 300));
+  EXPECT_EQ(heapman_mgr::get_size(w2), 300u) << "no record in a plain heap";
+  delete plain;
+  delete h;
+}
+
+TEST_F(Heaps, FailedAllocationsRaiseHeapError) {
+  heap* h = new (mainheap, kFile, __LINE__) heap("small", 100, heNONE);
+  try {
+    operator new(0x10000000, h, kFile, 12);
+    FAIL() << "no error";
+  } catch (const CSL::Heap::HeapError& e) {
+    EXPECT_STREQ(e.what(), "Memory allocation error: 8");
+    EXPECT_EQ(e.GetCategory(), "CSL Heap Error");
+    EXPECT_EQ(e.GetCodeContext().GetFile(), "System/heap");
+    EXPECT_EQ(e.GetCodeContext().GetLine(), 143);
+    EXPECT_EQ(e.GetCodeContext().GetFunction(), "kvHeapAlloc");
+    EXPECT_EQ(e.GetCodeContext().GetSignature(), "void *__cdecl kvHeapAlloc(void *,unsigned __int64)");
+    EXPECT_EQ(e.GetCodeContext().GetBuildDate(), KvBuildDate());
+  }
+  heap* plain = new (mainheap, kFile, __LINE__) heap("huge", heWINHEAP);
+  try {
+    operator new(size_t(1) << 52, plain, kFile, 77);
+    FAIL() << "no error";
+  } catch (const CSL::Heap::HeapError& e) {
+    EXPECT_STREQ(e.what(), "Heap new failure. File: tests/heap Line: 77");
+    EXPECT_EQ(e.GetCodeContext().GetLine(), 215);
+    EXPECT_EQ(e.GetCodeContext().GetFunction(), "operator new");
+    EXPECT_EQ(e.GetCodeContext().GetSignature(),
+              "void *__cdecl operator new(unsigned __int64,class heap *,char *,int)");
+  }
+  // The error copies and throws itself as its own type.
+  CSL::Heap::HeapError original;
+  boost::shared_ptr<Zub::Core::Error> copy = original.Copy();
+  EXPECT_EQ(copy->GetCategory(), "CSL Heap Error");
+  EXPECT_THROW(copy->Throw(), CSL::Heap::HeapError);
+  EXPECT_NE(operator new(100, h, kFile, 1), nullptr) << "the heap works on after a failure";
+  delete plain;
+  delete h;
+}
+
+TEST_F(Heaps, BadFreesAreCaughtWhereTheHeapCanTell) {
+  heap* h = new (mainheap, kFile, __LINE__) heap("bad");
+  char* p = static_cast<char*>(operator new(64, h, kFile, 1));
+  char* keep = static_cast<char*>(operator new(64, h, kFile, 2));
+  const std::string expected = "heap::deallocator - not on winHeap";
+  EXPECT_EQ(abort_text([&] { KvOperatorDelete(p + 8); }), expected) << "interior pointer";
+  KvOperatorDelete(p);
+  EXPECT_EQ(abort_text([&] { KvOperatorDelete(p); }), expected) << "second free";
+  EXPECT_EQ(abort_text([&] { heapman_mgr::deallocator(p); }), expected);
+  EXPECT_TRUE(kvos::region_heap_validate(static_cast<kvos::region_heap>(h->get_handle())));
+  EXPECT_EQ(heapman_mgr::get_size(keep), 64u) << "the heap is unharmed";
+
+  heap* plain = new (mainheap, kFile, __LINE__) heap("badplain", heWINHEAP);
+  char* w = static_cast<char*>(operator new(64, plain, kFile, 1));
+  KvOperatorDelete(w);
+  EXPECT_EQ(abort_text([&] { KvOperatorDelete(w); }), expected) << "a second free in a plain heap";
+  EXPECT_EQ(abort_text([&] { KvOperatorDelete(w + 16); }), expected);
+  delete plain;
+  delete h;
+}
+
+TEST_F(Heaps, LibraryDeletesGoThroughTheTrackedPath) {
+  // The deleting destructor is the library's: a heap object made in mainheap
+  // must return there, not to the runtime library.
+  const size_t before = busy_blocks(mainheap).size();
+  heap* h = new (mainheap, kFile, __LINE__) heap("object");
+  EXPECT_EQ(busy_blocks(mainheap).size(), before + 1);
+  delete h;
+  EXPECT_EQ(busy_blocks(mainheap).size(), before);
+  // A heap object the host made with its own new goes back to the runtime library.
+  heap* hosted = new heap("hosted");
+  EXPECT_EQ(heapman_mgr::find(hosted), nullptr);
+  delete hosted;
+}
+
+TEST_F(Heaps, CopiesShareTheHeapOutsideTheTree) {
+  heap* h = new (mainheap, kFile, __LINE__) heap("orig");
+  alignas(heap) unsigned char storage[sizeof(heap)];
+  heap* copy = new (storage) heap(*h);  // never destroyed: it would destroy what it shares
+  EXPECT_STREQ(copy->get_name(), "orig");
+  EXPECT_EQ(copy->get_handle(), h->get_handle());
+  EXPECT_EQ(copy->get_base(), h->get_base());
+  EXPECT_EQ(copy->get_parent(), mainheap);
+  for (heap* c = mainheap->get_first_child(); c != nullptr; c = c->get_next_sibling()) EXPECT_NE(c, copy);
+  delete h;
+}
+
+int stress_milliseconds() {
+  const char* text = std::getenv("KV_HEAP_STRESS_MS");
+  return text != nullptr ? std::atoi(text) : 2000;
+}
+
+TEST_F(Heaps, ThreadsShareHeapsSafely) {
+  heap* fixed = new (mainheap, kFile, __LINE__) heap("shared");
+  heap* plain = new (mainheap, kFile, __LINE__) heap("sharedplain", heWINHEAP);
+  std::atomic<bool> stop{false};
+  std::atomic<long> operations{0};
+  // Blocks handed from one thread to the next are freed by another thread.
+  std::vector<std::atomic<void*>> mailbox(64);
+  auto worker = [&](unsigned id) {
+    std::mt19937 rng(id * 7919u + 1);
+    std::vector<char*> mine;
+    while (!stop.load(std::memory_order_relaxed)) {
+      heap* target = rng() % 8 == 0 ? plain : fixed;
+      const size_t n = 1 + rng() % 512;
+      char* p = static_cast<char*>(operator new(n, target, kFile, static_cast<int>(id)));
+      p[0] = static_cast<char>(id);
+      p[n - 1] = static_cast<char>(id);
+      mine.push_back(p);
+      if (mine.size() > 200 || rng() % 3 == 0) {
+        const size_t i = rng() % mine.size();
+        void* handed = mailbox[rng() % mailbox.size()].exchange(mine[i]);
+        mine[i] = mine.back();
+        mine.pop_back();
+        if (handed != nullptr) KvOperatorDelete(handed);
+      }
+      if (rng() % 64 == 0 && !mine.empty()) {
+        char* grown = static_cast<char*>(heapman_mgr::reallocator(mine.back(), 600));
+        mine.back() = grown;
+      }
+      operations.fetch_add(1, std::memory_order_relaxed);
+    }
+    for (char* p : mine) KvOperatorDelete(p);
+  };
+  std::vector<std::thread> threads;
+  for (unsigned i = 0; i < 4; ++i) threads.emplace_back(worker, i);
+  std::this_thread::sleep_for(std::chrono::milliseconds(stress_milliseconds()));
+  stop = true;
+  for (std::thread& t : threads) t.join();
+  for (auto& slot : mailbox) KvOperatorDelete(slot.exchange(nullptr));
+  EXPECT_GT(operations.load(), 1000);
+  EXPECT_NO_THROW(heapman_mgr::check());
+  EXPECT_TRUE(kvos::region_heap_validate(static_cast<kvos::region_heap>(fixed->get_handle())));
+  EXPECT_TRUE(kvos::region_heap_validate(static_cast<kvos::region_heap>(plain->get_handle())));
+  EXPECT_TRUE(busy_blocks(fixed).empty());
+  EXPECT_TRUE(busy_blocks(plain).empty());
+  delete plain;
+  delete fixed;
+}
+
+}  // namespace

@@ -1,0 +1,441 @@
+// Region heaps: the allocator under the tracked heaps.
+#include <gtest/gtest.h>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "kvos/region_heap.h"
+
+namespace {
+
+using kvos::heap_entry;
+using kvos::region_heap;
+
+// What the test expects a heap to hold: every live block, its size and the
+// byte it was filled with.
+struct Model {
+  struct Live {
+    size_t size;
+    unsigned char fill;
+  };
+  std::map<char*, Live> blocks;
+};
+
+struct WalkTotals {
+  size_t regions = 0;
+  size_t busy = 0;
+  size_t busyBytes = 0;
+  size_t freeBlocks = 0;
+  size_t uncommittedRanges = 0;
+  bool accountsForCommitted = true;  // region overhead + blocks == committed size, per region
+  bool busyMatchModel = true;
+};
+
+WalkTotals walk(region_heap h, const Model* model = nullptr) {
+  WalkTotals t;
+  heap_entry e;
+  size_t committed = 0, accounted = 0;
+  bool inRegion = false;
+  auto close_region = [&] {
+    if (inRegion && committed != accounted) t.accountsForCommitted = false;
+  };
+  while (kvos::region_heap_walk(h, &e)) {
+    if (e.wFlags & kvos::heap_entry_region) {
+      close_region();
+      inRegion = true;
+      ++t.regions;
+      committed = e.Region.dwCommittedSize;
+      accounted = e.cbOverhead;
+    } else if (e.wFlags & kvos::heap_entry_uncommitted_range) {
+      ++t.uncommittedRanges;
+    } else {
+      accounted += e.cbData + e.cbOverhead;
+      if (e.wFlags & kvos::heap_entry_busy) {
+        ++t.busy;
+        t.busyBytes += e.cbData;
+        if (model != nullptr) {
+          auto it = model->blocks.find(static_cast<char*>(e.lpData));
+          if (it == model->blocks.end() || it->second.size != e.cbData) t.busyMatchModel = false;
+        }
+      } else {
+        ++t.freeBlocks;
+      }
+    }
+  }
+  close_region();
+  EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_no_more_items);
+  return t;
+}
+
+bool filled_with(const char* p, size_t n, unsigned char c) {
+  for (size_t i = 0; i < n; ++i)
+    if (static_cast<unsigned char>(p[i]) != c) return false;
+  return true;
+}
+
+// Runs a long random sequence of allocations, frees and reallocations
+// against the model, validating after every step.
+void random_sequence(region_heap h, unsigned steps, size_t maxSize, unsigned startValue) {
+  std::mt19937_64 rng(startValue);
+  Model model;
+  unsigned char nextFill = 1;
+  auto random_size = [&] {
+    // Mostly small, sometimes large, now and then zero.
+    const unsigned pick = rng() % 100;
+    if (pick < 3) return size_t(0);
+    if (pick < 80) return size_t(rng() % 300);
+    return size_t(rng() % maxSize);
+  };
+  for (unsigned step = 0; step < steps; ++step) {
+    const unsigned op = rng() % 10;
+    if (op < 4 || model.blocks.empty()) {
+      const size_t n = random_size();
+      char* p = static_cast<char*>(kvos::region_heap_alloc(h, n));
+      ASSERT_NE(p, nullptr) << "step " << step << " size " << n;
+      ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u);
+      ASSERT_TRUE(filled_with(p, n, 0)) << "a new block is zero-filled";
+      ASSERT_EQ(model.blocks.count(p), 0u) << "a live block was handed out twice";
+      std::memset(p, nextFill, n);
+      model.blocks[p] = {n, nextFill};
+      nextFill = static_cast<unsigned char>(nextFill % 250 + 1);
+    } else {
+      auto it = model.blocks.begin();
+      std::advance(it, static_cast<long>(rng() % model.blocks.size()));
+      char* p = it->first;
+      const Model::Live live = it->second;
+      ASSERT_TRUE(filled_with(p, live.size, live.fill)) << "block contents survive other operations";
+      ASSERT_EQ(kvos::region_heap_size(h, p), live.size);
+      if (op < 8) {
+        ASSERT_TRUE(kvos::region_heap_free(h, p));
+        model.blocks.erase(it);
+      } else {
+        const size_t n = random_size();
+        char* q = static_cast<char*>(kvos::region_heap_realloc(h, p, n));
+        ASSERT_NE(q, nullptr);
+        ASSERT_TRUE(filled_with(q, std::min(n, live.size), live.fill)) << "reallocation keeps the contents";
+        if (n > live.size) {
+          ASSERT_TRUE(filled_with(q + live.size, n - live.size, 0)) << "growth is zeroed";
+        }
+        model.blocks.erase(it);
+        ASSERT_EQ(model.blocks.count(q), 0u);
+        std::memset(q, nextFill, n);
+        model.blocks[q] = {n, nextFill};
+        nextFill = static_cast<unsigned char>(nextFill % 250 + 1);
+      }
+    }
+    ASSERT_TRUE(kvos::region_heap_validate(h)) << "step " << step;
+    if (step % 97 == 0) {
+      if (step % 3 == 0) kvos::region_heap_compact(h);
+      const WalkTotals t = walk(h, &model);
+      size_t bytes = 0;
+      for (const auto& [p, live] : model.blocks) bytes += live.size;
+      ASSERT_EQ(t.busy, model.blocks.size());
+      ASSERT_EQ(t.busyBytes, bytes);
+      ASSERT_TRUE(t.busyMatchModel);
+      ASSERT_TRUE(t.accountsForCommitted);
+    }
+  }
+  for (const auto& [p, live] : model.blocks) {
+    ASSERT_TRUE(filled_with(p, live.size, live.fill));
+    ASSERT_TRUE(kvos::region_heap_free(h, p));
+  }
+  ASSERT_TRUE(kvos::region_heap_validate(h));
+  EXPECT_EQ(walk(h).busy, 0u);
+  kvos::region_heap_compact(h);
+  ASSERT_TRUE(kvos::region_heap_validate(h));
+  const WalkTotals t = walk(h);
+  EXPECT_EQ(t.busy, 0u);
+  EXPECT_EQ(t.regions, 1u) << "empty extra segments are released";
+  EXPECT_EQ(t.freeBlocks, 1u) << "after compacting, everything is one free block again";
+}
+
+// First address of the reservation, the range test's base.
+char* region_base(region_heap h) {
+  heap_entry e;
+  EXPECT_TRUE(kvos::region_heap_walk(h, &e));
+  return static_cast<char*>(e.lpData);
+}
+
+bool resident(const void* p) {
+  const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  unsigned char v = 0;
+  void* start = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(p) & ~(page - 1));
+  if (mincore(start, page, &v) != 0) return false;
+  return (v & 1) != 0;
+}
+
+class RegionHeap : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    if (fixed) {
+      EXPECT_TRUE(kvos::region_heap_destroy(fixed));
+    }
+    if (growable) {
+      EXPECT_TRUE(kvos::region_heap_destroy(growable));
+    }
+  }
+  region_heap fixed = kvos::region_heap_create(64 << 20);
+  region_heap growable = kvos::region_heap_create(0);
+};
+
+TEST_F(RegionHeap, RandomSequencesAgreeWithTheModel) {
+  ASSERT_NE(fixed, nullptr);
+  ASSERT_NE(growable, nullptr);
+  random_sequence(fixed, 6000, 200000, 11);
+  random_sequence(growable, 6000, 600000, 12);
+}
+
+TEST_F(RegionHeap, FixedHeapIsOneReservedRange) {
+  char* base = region_base(fixed);
+  heap_entry e;
+  ASSERT_TRUE(kvos::region_heap_walk(fixed, &e));
+  EXPECT_EQ(e.wFlags, kvos::heap_entry_region);
+  EXPECT_EQ(e.cbData, size_t(64) << 20);
+  EXPECT_EQ(e.Region.dwCommittedSize + e.Region.dwUnCommittedSize, size_t(64) << 20);
+  const size_t committed = e.Region.dwCommittedSize;
+  EXPECT_LT(committed, size_t(1) << 20) << "pages are committed as needed, not up front";
+
+  // A fresh heap: one free block over the committed part, then the uncommitted rest.
+  heap_entry freeBlock = e;
+  ASSERT_TRUE(kvos::region_heap_walk(fixed, &freeBlock));
+  EXPECT_EQ(freeBlock.wFlags, 0);
+  EXPECT_EQ(static_cast<char*>(freeBlock.lpData) + freeBlock.cbData - committed, base)
+      << "the free block ends where the committed part does";
+  heap_entry range = freeBlock;
+  ASSERT_TRUE(kvos::region_heap_walk(fixed, &range));
+  EXPECT_EQ(range.wFlags, kvos::heap_entry_uncommitted_range);
+  EXPECT_EQ(static_cast<char*>(range.lpData), base + committed);
+  EXPECT_FALSE(kvos::region_heap_walk(fixed, &range));
+
+  // Blocks stay inside the range until it is full; then allocation fails.
+  std::vector<void*> blocks;
+  for (;;) {
+    void* p = kvos::region_heap_alloc(fixed, 1 << 20);
+    if (p == nullptr) break;
+    ASSERT_GE(static_cast<char*>(p), base);
+    ASSERT_LE(static_cast<char*>(p) + (1 << 20), base + (64 << 20));
+    blocks.push_back(p);
+  }
+  EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_not_enough_memory);
+  EXPECT_GE(blocks.size(), 62u) << "nearly the whole reservation is usable";
+  EXPECT_EQ(kvos::region_heap_alloc(fixed, size_t(1) << 40), nullptr);
+  void* small = kvos::region_heap_alloc(fixed, 1000);
+  EXPECT_NE(small, nullptr) << "the space left after the last megabyte still serves small blocks";
+  EXPECT_TRUE(kvos::region_heap_validate(fixed));
+  for (void* p : blocks) EXPECT_TRUE(kvos::region_heap_free(fixed, p));
+  EXPECT_TRUE(kvos::region_heap_free(fixed, small));
+  EXPECT_TRUE(kvos::region_heap_validate(fixed));
+}
+
+TEST_F(RegionHeap, BadFreesFailCleanly) {
+  char* a = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
+  char* b = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
+  char* c = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
+  ASSERT_TRUE(a && b && c);
+  std::memset(b, 0x5A, 100);
+  const WalkTotals before = walk(fixed);
+
+  kvos::set_heap_last_error(0);
+  EXPECT_FALSE(kvos::region_heap_free(fixed, b + 16)) << "interior pointer";
+  EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_invalid_parameter);
+  EXPECT_FALSE(kvos::region_heap_free(fixed, b + 1)) << "misaligned pointer";
+  EXPECT_FALSE(kvos::region_heap_free(fixed, nullptr));
+  int local = 0;
+  EXPECT_FALSE(kvos::region_heap_free(fixed, &local)) << "not in the heap";
+  EXPECT_FALSE(kvos::region_heap_free(growable, a)) << "a block of another heap";
+  EXPECT_EQ(kvos::region_heap_size(fixed, b + 16), SIZE_MAX);
+  EXPECT_EQ(kvos::region_heap_realloc(fixed, b + 32, 10), nullptr);
+
+  // A forged header inside a block's data is not taken for a block.
+  std::memcpy(b + 32, b - 16, 16);
+  EXPECT_FALSE(kvos::region_heap_free(fixed, b + 48));
+  EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_invalid_parameter);
+
+  ASSERT_TRUE(kvos::region_heap_free(fixed, b));
+  kvos::set_heap_last_error(0);
+  EXPECT_FALSE(kvos::region_heap_free(fixed, b)) << "second free";
+  EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_invalid_parameter);
+  ASSERT_TRUE(kvos::region_heap_free(fixed, a));  // merges with b's space
+  EXPECT_FALSE(kvos::region_heap_free(fixed, b)) << "second free of a merged block";
+  EXPECT_FALSE(kvos::region_heap_free(fixed, a));
+  EXPECT_EQ(kvos::region_heap_size(fixed, a), SIZE_MAX);
+  EXPECT_TRUE(kvos::region_heap_validate(fixed));
+  const WalkTotals after = walk(fixed);
+  EXPECT_EQ(after.busy, before.busy - 2);
+  EXPECT_EQ(kvos::region_heap_size(fixed, c), 100u);
+  EXPECT_TRUE(kvos::region_heap_free(fixed, c));
+}
+
+TEST_F(RegionHeap, ValidateFindsDamagedHeadersAndLinks) {
+  // Blocks too large for the lookaside lists: a free goes to the free lists.
+  char* a = static_cast<char*>(kvos::region_heap_alloc(fixed, 2000));
+  char* b = static_cast<char*>(kvos::region_heap_alloc(fixed, 2000));
+  char* c = static_cast<char*>(kvos::region_heap_alloc(fixed, 2000));
+  ASSERT_TRUE(kvos::region_heap_free(fixed, b));
+  ASSERT_TRUE(kvos::region_heap_validate(fixed));
+
+  // Each byte of the header after a, and of the free links in b's data: an
+  // overrun of a by one more byte is noticed.
+  for (int offset = 0; offset < 32; ++offset) {
+    char* victim = b - 16 + offset;
+    const char saved = *victim;
+    *victim = static_cast<char>(saved ^ 0x40);
+    const bool caught = !kvos::region_heap_validate(fixed);
+    *victim = saved;
+    EXPECT_TRUE(caught) << "damage at header offset " << offset;
+  }
+  ASSERT_TRUE(kvos::region_heap_validate(fixed));
+
+  // A damaged neighbour stops a free instead of spreading the damage.
+  char* saved = nullptr;
+  std::memcpy(&saved, c - 16, sizeof saved);
+  std::memset(c - 16, 0x11, 8);
+  EXPECT_FALSE(kvos::region_heap_free(fixed, a)) << "a's successor is b (free), whose successor c is damaged";
+  EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_invalid_data);
+  std::memcpy(c - 16, &saved, sizeof saved);
+  EXPECT_TRUE(kvos::region_heap_validate(fixed));
+  EXPECT_TRUE(kvos::region_heap_free(fixed, a));
+  EXPECT_TRUE(kvos::region_heap_free(fixed, c));
+  EXPECT_TRUE(kvos::region_heap_validate(fixed));
+
+  // A small block on its lookaside list: its header and its link are checked too.
+  char* small = static_cast<char*>(kvos::region_heap_alloc(fixed, 40));
+  char* guard = static_cast<char*>(kvos::region_heap_alloc(fixed, 40));
+  ASSERT_TRUE(kvos::region_heap_free(fixed, small));
+  for (int offset = 0; offset < 24; ++offset) {
+    char* victim = small - 16 + offset;
+    const char keep = *victim;
+    *victim = static_cast<char>(keep ^ 0x40);
+    const bool caught = !kvos::region_heap_validate(fixed);
+    *victim = keep;
+    EXPECT_TRUE(caught) << "damage at lookaside offset " << offset;
+  }
+  EXPECT_TRUE(kvos::region_heap_validate(fixed));
+  EXPECT_TRUE(kvos::region_heap_free(fixed, guard));
+}
+
+TEST_F(RegionHeap, SmallBlocksComeBackFromTheLookasideLists) {
+  char* a = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
+  char* fence = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
+  std::memset(a, 0x33, 100);
+  ASSERT_TRUE(kvos::region_heap_free(fixed, a));
+  EXPECT_FALSE(kvos::region_heap_free(fixed, a)) << "a second free of a cached block";
+  EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_invalid_parameter);
+  EXPECT_EQ(walk(fixed).busy, 1u) << "a cached block walks as free";
+  char* again = static_cast<char*>(kvos::region_heap_alloc(fixed, 98));
+  EXPECT_EQ(again, a) << "a request of the same block size reuses it";
+  EXPECT_TRUE(filled_with(again, 98, 0)) << "and gets it zeroed";
+  EXPECT_EQ(kvos::region_heap_size(fixed, again), 98u);
+  ASSERT_TRUE(kvos::region_heap_free(fixed, again));
+  ASSERT_TRUE(kvos::region_heap_free(fixed, fence));
+  EXPECT_GT(walk(fixed).freeBlocks, 1u);
+  kvos::region_heap_compact(fixed);
+  EXPECT_EQ(walk(fixed).freeBlocks, 1u) << "compacting merges the cached blocks";
+  EXPECT_TRUE(kvos::region_heap_validate(fixed));
+
+  // Space held on the lookaside lists is not lost to large requests.
+  region_heap tight = kvos::region_heap_create(1 << 20);
+  std::vector<void*> blocks;
+  for (void* p; (p = kvos::region_heap_alloc(tight, 200)) != nullptr;) blocks.push_back(p);
+  ASSERT_GT(blocks.size(), 1000u);
+  for (size_t i = 0; i < blocks.size(); i += 2) ASSERT_TRUE(kvos::region_heap_free(tight, blocks[i]));
+  for (size_t i = 1; i < blocks.size(); i += 2) ASSERT_TRUE(kvos::region_heap_free(tight, blocks[i]));
+  EXPECT_NE(kvos::region_heap_alloc(tight, 900 << 10), nullptr);
+  EXPECT_TRUE(kvos::region_heap_validate(tight));
+  EXPECT_TRUE(kvos::region_heap_destroy(tight));
+}
+
+TEST_F(RegionHeap, ReallocationGrowsInPlaceWhenItCanAndFailsWithoutLoss) {
+  char* a = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
+  std::memset(a, 7, 100);
+  char* grown = static_cast<char*>(kvos::region_heap_realloc(fixed, a, 5000));
+  EXPECT_EQ(grown, a) << "the free space after a is taken in place";
+  EXPECT_TRUE(filled_with(a, 100, 7));
+  EXPECT_TRUE(filled_with(a + 100, 4900, 0));
+
+  char* shrunk = static_cast<char*>(kvos::region_heap_realloc(fixed, a, 10));
+  EXPECT_EQ(shrunk, a);
+  EXPECT_EQ(kvos::region_heap_size(fixed, a), 10u);
+  char* again = static_cast<char*>(kvos::region_heap_realloc(fixed, a, 60));
+  EXPECT_EQ(again, a);
+  EXPECT_TRUE(filled_with(a, 10, 7));
+  EXPECT_TRUE(filled_with(a + 10, 50, 0)) << "bytes past the shrunk size come back as zero";
+
+  char* blocker = static_cast<char*>(kvos::region_heap_alloc(fixed, 16));
+  char* moved = static_cast<char*>(kvos::region_heap_realloc(fixed, a, 100000));
+  ASSERT_NE(moved, nullptr);
+  EXPECT_TRUE(filled_with(moved, 10, 7));
+
+  EXPECT_EQ(kvos::region_heap_realloc(fixed, moved, size_t(100) << 20), nullptr) << "larger than the heap";
+  EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_not_enough_memory);
+  EXPECT_EQ(kvos::region_heap_size(fixed, moved), 100000u) << "the block is left as it was";
+  EXPECT_TRUE(filled_with(moved, 10, 7));
+  EXPECT_TRUE(kvos::region_heap_free(fixed, moved));
+  EXPECT_TRUE(kvos::region_heap_free(fixed, blocker));
+  EXPECT_TRUE(kvos::region_heap_validate(fixed));
+}
+
+TEST_F(RegionHeap, CompactGivesPagesBackAndGrowableHeapsShrink) {
+  const size_t big = 8 << 20;
+  char* keepFront = static_cast<char*>(kvos::region_heap_alloc(fixed, 64));
+  char* large = static_cast<char*>(kvos::region_heap_alloc(fixed, big));
+  char* keepBack = static_cast<char*>(kvos::region_heap_alloc(fixed, 64));
+  std::memset(large, 1, big);
+  char* probe = large + big / 2;
+  EXPECT_TRUE(resident(probe));
+  ASSERT_TRUE(kvos::region_heap_free(fixed, large));
+  EXPECT_GE(kvos::region_heap_compact(fixed), big) << "the largest free block";
+  EXPECT_FALSE(resident(probe)) << "pages of a large free block are given back";
+  EXPECT_TRUE(kvos::region_heap_validate(fixed));
+
+  // Freeing the tail lets the committed size fall back.
+  heap_entry e;
+  ASSERT_TRUE(kvos::region_heap_walk(fixed, &e));
+  const size_t committedBefore = e.Region.dwCommittedSize;
+  ASSERT_TRUE(kvos::region_heap_free(fixed, keepBack));
+  kvos::region_heap_compact(fixed);
+  heap_entry e2;
+  ASSERT_TRUE(kvos::region_heap_walk(fixed, &e2));
+  EXPECT_LT(e2.Region.dwCommittedSize, committedBefore / 2);
+  char* reuse = static_cast<char*>(kvos::region_heap_alloc(fixed, big));
+  ASSERT_NE(reuse, nullptr);
+  EXPECT_TRUE(filled_with(reuse, big, 0)) << "recommitted and released pages read as zero";
+  EXPECT_TRUE(kvos::region_heap_free(fixed, reuse));
+  EXPECT_TRUE(kvos::region_heap_free(fixed, keepFront));
+
+  // A growable heap chains segments and drops the empty ones when compacted.
+  std::vector<void*> blocks;
+  for (int i = 0; i < 40; ++i) blocks.push_back(kvos::region_heap_alloc(growable, 256 << 10));
+  for (void* p : blocks) ASSERT_NE(p, nullptr);
+  const WalkTotals grown = walk(growable);
+  EXPECT_GT(grown.regions, 1u);
+  EXPECT_TRUE(grown.accountsForCommitted);
+  for (void* p : blocks) EXPECT_TRUE(kvos::region_heap_free(growable, p));
+  kvos::region_heap_compact(growable);
+  EXPECT_EQ(walk(growable).regions, 1u);
+  EXPECT_TRUE(kvos::region_heap_validate(growable));
+  void* huge = kvos::region_heap_alloc(growable, 50 << 20);
+  EXPECT_NE(huge, nullptr) << "a block larger than any segment gets a segment of its own";
+  EXPECT_TRUE(kvos::region_heap_free(growable, huge));
+}
+
+TEST_F(RegionHeap, LastErrorBelongsToTheThread) {
+  kvos::set_heap_last_error(0);
+  std::thread other([this] {
+    EXPECT_FALSE(kvos::region_heap_free(fixed, reinterpret_cast<void*>(16)));
+    EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_invalid_parameter);
+  });
+  other.join();
+  EXPECT_EQ(kvos::heap_last_error(), 0);
+  EXPECT_EQ(kvos::region_heap_create(1000), nullptr) << "too small to hold its own bookkeeping";
+  EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_invalid_parameter);
+}
+
+}  // namespace
