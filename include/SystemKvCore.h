@@ -1,10 +1,13 @@
 // SystemKvCore: every exported header of the library.
 #pragma once
 
+#include "ConsoleWindow.h"
 #include "DebugManager.h"
 #include "FILENAME.h"
 #include "KvExport.h"
 #include "LIST.h"
+#include "ProcessManager.h"
+#include "TerminationManager.h"
 #include "filetime.h"
 #include "heap.h"
 #include "sysman.h"
