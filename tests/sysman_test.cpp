@@ -409,6 +409,9 @@ TEST(SysManagerCrashSafety, KilledWritersLeaveOneCompleteVersion) {
     const size_t hash = file_hash(dir.file("state.bin"));
     ASSERT_TRUE(hash == firstHash || hash == secondHash) << "torn file after kill " << kills;
     (hash == firstHash ? sawFirst : sawSecond) += 1;
+    // On a busy machine the child writes slower than measured: widen the window.
+    if (kills % 20 == 0 && sawSecond == 0)
+      pause = std::uniform_int_distribution<int>(0, 2 * pause.b());
     for (const std::string& name : temporaries(dir.path())) {
       ++leftovers;
       std::filesystem::remove(dir.file(name));
