@@ -1,10 +1,12 @@
 // SystemKvCore: every exported header of the library.
 #pragma once
 
+#include "Coord.h"
 #include "DebugManager.h"
 #include "FILENAME.h"
 #include "KvExport.h"
 #include "LIST.h"
+#include "MEASURE.h"
 #include "filetime.h"
 #include "heap.h"
 #include "sysman.h"
