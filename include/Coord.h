@@ -8,7 +8,7 @@
 
 #include "KvExport.h"
 
-enum coordTypeEnum {
+enum coordTypeEnum : int32_t {
   coordDefault = 0,
   coordRefCounts = 1,
   coordRefMicrons = 2,

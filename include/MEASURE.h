@@ -29,7 +29,7 @@
 // SI prefixes. Each value is one bit; the bit's position indexes the prefix
 // tables. AutoPrefix marks a factor whose prefix AutoScale is still to choose
 // (it scales by 1 and is written "?").
-enum Prefix {
+enum Prefix : int {
   Tera = 1,
   Giga = 2,
   Mega = 4,
@@ -44,7 +44,7 @@ enum Prefix {
 };
 
 // Unit types. CustomUnit factors carry their own text.
-enum UnitType {
+enum UnitType : int {
   LSB = 0,
   Meter,
   Volt,
