@@ -1,15 +1,24 @@
 // The system frame: exceptions, the abort service, sys_abort and SysManager.
 #include "sysman.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstdio>
 
+#include "ConsoleWindow.h"
 #include "DebugManager.h"
+#include "ProcessManager.h"
+#include "Zub/Core/PathName.h"
 #include "heap.h"
 #include "kvinit.h"
+#include "kvos/console.h"
 #include "kvos/debugger.h"
+#include "kvos/drives.h"
+#include "kvos/env.h"
+#include "kvos/file.h"
 #include "kvos/module.h"
+#include "kvos/thread.h"
 #include "kvos/time.h"
 
 // ---------------------------------------------------------------------------
@@ -176,7 +185,9 @@ void sys_abort(const char* text) {
 // ---------------------------------------------------------------------------
 // SysManager
 
+int SysManager::m_initialized = 0;
 void* SysManager::m_hModule = nullptr;
+int64_t SysManager::gSystemStartTime = 0;
 std::string SysManager::ExeFilePath KV_INIT(KV_PRIO_SYSMAN);
 file_timestamp SysManager::ExeTime;
 file_timestamp SysManager::StartTime KV_INIT(KV_PRIO_SYSMAN) = SysManager::Time();
@@ -185,6 +196,8 @@ std::string SysManager::UserString KV_INIT(KV_PRIO_SYSMAN);
 std::string SysManager::EquipString KV_INIT(KV_PRIO_SYSMAN);
 std::string SysManager::ImageString KV_INIT(KV_PRIO_SYSMAN);
 std::string SysManager::m_VersionString KV_INIT(KV_PRIO_SYSMAN);
+std::string SysManager::m_stackTraceDirPath KV_INIT(KV_PRIO_SYSMAN);
+SysManager SysMan KV_INIT(KV_PRIO_SYSMAN);
 
 void SysManager::Model(const char* text) { ModelString = text != nullptr ? text : ""; }
 void SysManager::User(const char* text) { UserString = text != nullptr ? text : ""; }
@@ -202,6 +215,255 @@ file_timestamp SysManager::Time() {
   return stamp;
 }
 
+namespace {
+
+constexpr const char* kInitializationErrorTitle = "Korvalis Initialization Error";
+std::atomic<SysManager::InitializationErrorHandler> g_initializationErrorHandler{nullptr};
+
+[[noreturn]] void raise_sysman_error(int line, const char* function, const char* signature, const char* text) {
+  SysManagerError error;
+  Zub::Core::Error::RaiseError(
+      error, Zub::Core::CodeContext("System/sysman", line, function, signature, KvBuildDate()), text, false);
+}
+
+void report_initialization_error(const char* text) {
+  std::fprintf(stderr, "%s\n%s\n", kInitializationErrorTitle, text);
+  std::fflush(stderr);
+  if (SysManager::InitializationErrorHandler handler = g_initializationErrorHandler.load())
+    handler(kInitializationErrorTitle, text);
+}
+
+// Swallows interrupt, quit and close of the debug console, so that they do
+// not end the process.
+bool swallow_console_event(int event) {
+  return event == kvos::kConsoleCtrlC || event == kvos::kConsoleCtrlBreak || event == kvos::kConsoleClose;
+}
+
+// A local DOS-packed time to a UTC file time, and back.
+bool packed_to_utc(uint64_t packed, int64_t& utc) {
+  int64_t local = 0;
+  return kvos::dos_to_file_time(static_cast<uint16_t>(packed >> 16), static_cast<uint16_t>(packed & 0xFFFF), local) &&
+         kvos::local_to_file_time(local, utc);
+}
+
+bool utc_to_packed(int64_t utc, uint64_t& packed) {
+  int64_t local = 0;
+  uint16_t date = 0, time = 0;
+  if (!kvos::file_time_to_local(utc, local) || !kvos::file_time_to_dos(local, date, time)) return false;
+  packed = (static_cast<uint64_t>(date) << 16) | time;
+  return true;
+}
+
+// The directory a file is written in: its path up to and including the last
+// separator, the drive of a drive-relative name, "." for a bare name.
+std::string directory_of(const std::string& path) {
+  const size_t cut = path.find_last_of("\\/");
+  if (cut != std::string::npos) return path.substr(0, cut + 1);
+  if (path.size() >= 2 && path[1] == ':') return path.substr(0, 2);
+  return ".";
+}
+
+}  // namespace
+
+SysManager::InitializationErrorHandler SysManager::SetInitializationErrorHandler(
+    InitializationErrorHandler handler) {
+  return g_initializationErrorHandler.exchange(handler);
+}
+
+void SysManager::Initialize() {
+  if (m_initialized != 0) return;
+  try {
+    gSystemStartTime = kvos::system_file_time();
+    // Names are case-sensitive here: both spellings would override the system's zone.
+    for (const char* name : {"tz", "TZ"}) {
+      if (kvos::env_get(name) && !kvos::env_set(name, nullptr))
+        raise_sysman_error(222, "SysManager::Initialize", "void __cdecl SysManager::Initialize(void)",
+                           "Get/SetEnvironmentVariable(tz) failed");
+    }
+    heapman_mgr::initialize();
+    GetExeFileName();
+    ConfigureConsole();
+    ProcessManager::initialize();
+    m_initialized = 1;
+  } catch (const std::exception& error) {
+    report_initialization_error(error.what());
+    throw;
+  } catch (...) {
+    report_initialization_error("SysManager::Initialize() default exception.");
+    throw;
+  }
+}
+
+void SysManager::Exit(int) {
+  if (m_initialized != 0) Debug(dbgCSL, "\nCSL: SysManager::Exit called\n");
+}
+
+void SysManager::GetExeFileName() {
+  const std::string host = kvos::executable_path();
+  std::string dos;
+  if (host.empty() || !kvos::host_to_dos(host, dos) || dos.size() >= 261)
+    raise_sysman_error(142, "SysManager::GetExeFileName", "void __cdecl SysManager::GetExeFileName(void)",
+                       "SysManager::GetExeFileName - GetModuleFileName() failed");
+  ExeFilePath = dos;
+  ExeTime = file_timestamp(FileTime(dos.c_str()));
+}
+
+void SysManager::ConfigureConsole() {
+  CSL::ConsoleWindow::InitializeConsole();
+  CSL::ConsoleWindow::SetTitle("SysManager Debug");
+  static bool handlerInstalled = false;
+  if (CSL::ConsoleWindow::IsInitialized() && !handlerInstalled) {
+    kvos::console_restore_ctrl_c();
+    handlerInstalled = kvos::console_set_ctrl_handler(swallow_console_event, true);
+  }
+}
+
+void SysManager::MakeDefaultLogHeader() {}
+
+void SysManager::Sleep(int ms) { kvos::sleep_ms(ms < 0 ? kvos::kWaitForever : static_cast<uint32_t>(ms), true); }
+
+uint64_t SysManager::DiskSpace(const char* path) {
+  uint64_t available = 0;
+  if (path != nullptr) kvos::disk_free_space(path, available);
+  return available;
+}
+
+uint64_t SysManager::FileSize(const char* path) {
+  kvos::FindData found;
+  if (path == nullptr || !kvos::file_find_first(path, found)) return 0xFFFFFFFFu;
+  return found.size & 0xFFFFFFFFu;
+}
+
+uint64_t SysManager::FileTime(const char* path) {
+  kvos::FindData found;
+  uint64_t packed = 0;
+  if (path == nullptr || !kvos::file_find_first(path, found) || !utc_to_packed(found.lastWriteUtc, packed)) return 0;
+  return packed;
+}
+
+bool SysManager::FileTime(const char* path, uint64_t packedTime) {
+  if (path == nullptr) return false;
+  const kvos::file_t file = kvos::file_open(path, kvos::kFileWriteExisting);
+  if (file == kvos::kInvalidFile) return false;
+  int64_t utc = 0;
+  const bool set = packed_to_utc(packedTime, utc) && kvos::file_set_time(file, utc);
+  const bool closed = kvos::file_close(file);
+  static const char kFunction[] = "SysManager::FileTime";
+  static const char kSignature[] = "bool __cdecl SysManager::FileTime(char *,unsigned __int64)";
+  if (set) {
+    if (!closed) raise_sysman_error(618, kFunction, kSignature, "CloseHandle() failed");
+    return true;
+  }
+  if (!closed) raise_sysman_error(611, kFunction, kSignature, "FileTime failure");
+  return false;
+}
+
+bool SysManager::FileRead(const char* path, SysFileioBuffer* list, uint64_t* packedTime) {
+  if (path == nullptr) return true;
+  const kvos::file_t file = kvos::file_open(path, kvos::kFileReadExisting);
+  if (file == kvos::kInvalidFile) return true;  // a missing file is not an error here
+  for (SysFileioBuffer* buffer = list; buffer != nullptr && buffer->data != nullptr; ++buffer) {
+    uint64_t done = 0;
+    if (!kvos::file_seek(file, buffer->offset & 0xFFFFFFFFu) ||
+        !kvos::file_read(file, buffer->data, buffer->size, done) || done != buffer->size) {
+      kvos::file_close(file);
+      return false;
+    }
+  }
+  if (packedTime != nullptr) {
+    int64_t utc = 0;
+    uint64_t packed = 0;
+    if (!kvos::file_get_time(file, utc) || !utc_to_packed(utc, packed)) {
+      Debug(dbgCSL, "Error on converting or reading file time.\n");
+      kvos::file_close(file);
+      return false;
+    }
+    *packedTime = packed;
+  }
+  kvos::file_close(file);
+  return true;
+}
+
+bool SysManager::FileWrite(const char* path, SysFileioBuffer* list, uint64_t packedTime) {
+  if (path == nullptr) return false;
+  const std::string directory = directory_of(path);
+  std::string temp;
+  if (!kvos::file_temp_name(directory, "kvc", 0, temp)) {
+    Debug(dbgCSL, "\nFailed writing %s:\nfailed GetTempFileName on dir %s\n", path, directory.c_str());
+    return false;
+  }
+  const kvos::file_t file = kvos::file_open(temp, kvos::kFileCreateAlways);
+  if (file == kvos::kInvalidFile) {
+    Debug(dbgCSL, "\nFailed writing %s:\ncouldn't create temp file %s\n", path, temp.c_str());
+    kvos::file_delete(temp);
+    return false;
+  }
+  unsigned index = 0;
+  for (SysFileioBuffer* buffer = list; buffer != nullptr && buffer->data != nullptr; ++buffer, ++index) {
+    uint64_t done = 0;
+    if (!kvos::file_seek(file, buffer->offset & 0xFFFFFFFFu) ||
+        !kvos::file_write(file, buffer->data, buffer->size, done) || done != buffer->size) {
+      Debug(dbgCSL, "\nFailed writing %s\n(temp file %s)\nbuffer %u: failed setting file pointer\n", path,
+            temp.c_str(), index);
+      kvos::file_close(file);
+      kvos::file_delete(temp);
+      return false;
+    }
+  }
+  if (packedTime != 0) {
+    int64_t utc = 0;
+    if (!packed_to_utc(packedTime, utc) || !kvos::file_set_time(file, utc)) {
+      Debug(dbgCSL, "\nFailed writing %s\n(temp file %s): couldn't set time\n", path, temp.c_str());
+      kvos::file_close(file);
+      kvos::file_delete(temp);
+      return false;
+    }
+  }
+  // The data must be on disk before the target's name points at it.
+  const bool synced = kvos::file_sync(file);
+  const bool closed = kvos::file_close(file);
+  if (!synced || !closed || !kvos::file_replace(temp, path)) {
+    Debug(dbgCSL, "\nFailed writing %s:\ncouldn't move temp file %s\n", path, temp.c_str());
+    kvos::file_delete(temp);
+    return false;
+  }
+  return true;
+}
+
+std::string SysManager::FormatDateTime(const file_timestamp& stamp) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%02d/%02d/%04d %02d:%02d:%02d", stamp.month(), stamp.day(), stamp.year(),
+                stamp.hour(), stamp.minute(), stamp.second());
+  return text;
+}
+
+std::string SysManager::GetDumpHeaderInformation() {
+  std::string header;
+  if (m_initialized != 0) header += ExeFilePath + " " + FormatDateTime(ExeTime) + "\n";
+  if (!ModelString.empty()) header += ModelString + " ";
+  if (!m_VersionString.empty()) header += m_VersionString + "\n";
+  if (!EquipString.empty()) header += EquipString + ", ";
+  if (!UserString.empty()) header += UserString + "\n";
+  if (!ImageString.empty()) header += ImageString + "\n";
+  header += "Run " + FormatDateTime(StartTime) + "\n";
+  return header;
+}
+
+bool SysManager::SetFiberStackTraceDirPath(const std::string& dir) {
+  std::string host;
+  if (kvos::dos_to_host(dir, host)) {
+    const Zub::Core::PathName directory(host);
+    if (directory.Exists()) return true;
+    if (directory.CreateDirectory()) {
+      m_stackTraceDirPath = dir;
+      return true;
+    }
+  }
+  Debug(dbgCSL, "Failed to create directory: %s\n", dir.c_str());
+  return false;
+}
+
+std::string SysManager::GetFiberStackTraceDirPath() { return m_stackTraceDirPath; }
 // ---------------------------------------------------------------------------
 // Library load and unload
 

@@ -1,12 +1,15 @@
 // SystemKvCore: every exported header of the library.
 #pragma once
 
+#include "ConsoleWindow.h"
 #include "Coord.h"
 #include "DebugManager.h"
 #include "FILENAME.h"
 #include "KvExport.h"
 #include "LIST.h"
 #include "MEASURE.h"
+#include "ProcessManager.h"
+#include "TerminationManager.h"
 #include "filetime.h"
 #include "heap.h"
 #include "sysman.h"

@@ -2,6 +2,7 @@
 // sys_abort (the one path for unrecoverable conditions), and SysManager.
 #pragma once
 
+#include <cstdint>
 #include <exception>
 #include <string>
 
@@ -102,14 +103,39 @@ KVCORE_API void sys_abort(const char* text);
 // The build date text of this library, as code contexts carry it.
 KVCORE_API const char* KvBuildDate();
 
+// One element of a scatter/gather list for SysManager::FileRead and
+// FileWrite; a null data pointer ends the list.
+struct SysFileioBuffer {
+  void* data;       // the bytes in memory
+  uint64_t offset;  // file position (the low 32 bits are used)
+  uint64_t size;    // bytes to transfer
+};
+
 // Runs at process exit (registered when the library is loaded): when mainheap
 // exists, writes "kvExitFunc: deleting mainheap" to the debugger output and
 // destroys mainheap, and with it every heap.
 KVCORE_API void kvExitFunc();
 
-// The library's static front door.
+// The library's static front door: start-up, crash-safe file writing, file
+// times and the descriptive strings that head every diagnostic dump.
 class KVCORE_API SysManager {
  public:
+  // Start-up, once, from the host's main thread: removes the time-zone
+  // variables "tz" and "TZ" so that local times follow the system's zone,
+  // creates the heaps, records the executable's path and time, configures
+  // the debug console and installs the process's alert listener. A failure
+  // is reported (see SetInitializationErrorHandler) and rethrown; Initialize
+  // may then be called again.
+  static void Initialize();
+  // Writes "SysManager::Exit called" (category CSL) when initialized.
+  static void Exit(int code);
+
+  // Receives the title "Korvalis Initialization Error" and the text of a
+  // failed Initialize, after they have been written to standard error.
+  using InitializationErrorHandler = void (*)(const char* title, const char* text);
+  // Installs (null removes) the host's handler; returns the previous one.
+  static InitializationErrorHandler SetInitializationErrorHandler(InitializationErrorHandler handler);
+
   // Descriptive strings that head every diagnostic dump; null sets "".
   static void Model(const char* text);
   static void User(const char* text);
@@ -122,15 +148,71 @@ class KVCORE_API SysManager {
   // The current local time, DOS packed.
   static file_timestamp Time();
 
-  static void* m_hModule;          // the host executable's module
-  static std::string ExeFilePath;  // full path of the host executable
-  static file_timestamp ExeTime;   // last-write time of the executable
-  static file_timestamp StartTime; // local time at library load
+  // Sleeps alertably: completion routines queued to the calling thread (the
+  // expiry of a Timer it started, for one) run meanwhile and end the sleep.
+  // A negative time sleeps without limit.
+  static void Sleep(int ms);
+
+  // Free bytes available to the caller on the volume holding path; 0 when
+  // that cannot be told.
+  static uint64_t DiskSpace(const char* path);
+  // The low 32 bits of the size of the first file matching path (wildcards
+  // allowed); 0xFFFFFFFF when none matches.
+  static uint64_t FileSize(const char* path);
+  // The last-write time of the first file matching path, local and DOS
+  // packed; 0 when none matches or the time cannot be converted.
+  static uint64_t FileTime(const char* path);
+  // Sets a file's last-write time from a local DOS-packed time; false when
+  // the file cannot be opened for writing or the time cannot be set.
+  static bool FileTime(const char* path, uint64_t packedTime);
+
+  // Reads the buffers of the list from their offsets; with packedTime not
+  // null also the file's last-write time (local, DOS packed). A missing file
+  // answers true and fills nothing: true does not prove the buffers were
+  // filled. A failed seek or read, or a short file, answers false.
+  static bool FileRead(const char* path, SysFileioBuffer* list, uint64_t* packedTime);
+  // Replaces the file with the buffers of the list, crash-safe: they go to a
+  // temporary file "kvcXXXX.tmp" in the target's directory ("." for a bare
+  // name), which is flushed and then renamed over the target. A packedTime
+  // other than 0 becomes the file's last-write time. Any failure leaves the
+  // old file as it was, removes the temporary file, writes a CSL line and
+  // answers false.
+  static bool FileWrite(const char* path, SysFileioBuffer* list, uint64_t packedTime);
+
+  // The header of diagnostic dumps: the executable and its time (once
+  // initialized), model and version, equipment and user, image, and the
+  // start time, one item per line.
+  static std::string GetDumpHeaderInformation();
+
+  // Makes dir the directory of the stack-dump file when it has to be created
+  // (and creates it); an existing directory answers true and is not recorded.
+  // False, with a CSL line, when it cannot be created.
+  static bool SetFiberStackTraceDirPath(const std::string& dir);
+  // The directory recorded by SetFiberStackTraceDirPath; empty for none (the
+  // stack-dump file then goes beside the executable).
+  static std::string GetFiberStackTraceDirPath();
+
+  static int m_initialized;         // 1 once Initialize has completed
+  static void* m_hModule;           // the host executable's module
+  static std::string ExeFilePath;   // DOS path of the host executable
+  static file_timestamp ExeTime;    // last-write time of the executable
+  static file_timestamp StartTime;  // local time at library load
+  static int64_t gSystemStartTime;  // system time taken by Initialize (100 ns units since 1601, UTC)
   static std::string ModelString;
   static std::string UserString;
   static std::string EquipString;
   static std::string ImageString;
 
  private:
+  // MM/DD/YYYY HH:MM:SS
+  static std::string FormatDateTime(const file_timestamp& stamp);
+  static void GetExeFileName();
+  static void ConfigureConsole();
+  static void MakeDefaultLogHeader();
+
   static std::string m_VersionString;
+  static std::string m_stackTraceDirPath;  // directory of the stack-dump file; empty for the default
 };
+
+// The instance of SysManager (all of whose members are static).
+KVCORE_API extern SysManager SysMan;

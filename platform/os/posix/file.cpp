@@ -1,0 +1,324 @@
+// Files on Linux.
+#include "kvos/file.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <vector>
+
+#include "kvos/drives.h"
+#include "kvos/fault.h"
+#include "kvos/fileattr.h"
+#include "kvos/time.h"
+
+namespace kvos {
+namespace {
+
+int fd_of(file_t file) { return static_cast<int>(file); }
+
+bool map(const std::string& dos, std::string& host) { return !dos.empty() && dos_to_host(dos, host); }
+
+int64_t mtime_of(const struct stat& st) { return unix_to_file_time(st.st_mtim.tv_sec, st.st_mtim.tv_nsec); }
+
+uint32_t attributes_of(const std::string& host, const std::string& name, const struct stat& st) {
+  uint32_t attributes = 0;
+  if (S_ISDIR(st.st_mode)) attributes |= kFileAttributeDirectory;
+  if (!S_ISDIR(st.st_mode) && access(host.c_str(), W_OK) != 0) attributes |= kFileAttributeReadOnly;
+  if (name.size() > 1 && name[0] == '.' && name != "..") attributes |= kFileAttributeHidden;
+  return attributes == 0 ? kFileAttributeNormal : attributes;
+}
+
+std::string lower(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+// "*" any run of characters, "?" exactly one; both texts already lower-case.
+bool wild_match(const char* pattern, const char* name) {
+  const char* star = nullptr;
+  const char* resume = nullptr;
+  while (*name != '\0') {
+    if (*pattern == '*') {
+      star = pattern++;
+      resume = name;
+    } else if (*pattern == '?' || *pattern == *name) {
+      ++pattern;
+      ++name;
+    } else if (star != nullptr) {
+      pattern = star + 1;
+      name = ++resume;
+    } else {
+      return false;
+    }
+  }
+  while (*pattern == '*') ++pattern;
+  return *pattern == '\0';
+}
+
+void fill_found(const std::string& host, const std::string& name, const struct stat& st, FindData& found) {
+  found.name = name;
+  found.attributes = attributes_of(host, name, st);
+  found.size = S_ISDIR(st.st_mode) ? 0 : static_cast<uint64_t>(st.st_size);
+  found.lastWriteUtc = mtime_of(st);
+}
+
+std::string join_dos(const std::string& dir, const std::string& name) {
+  if (dir.empty()) return name;
+  const char last = dir.back();
+  if (last == '\\' || last == '/' || (dir.size() == 2 && dir[1] == ':')) return dir + name;
+  return dir + "\\" + name;
+}
+
+std::string temp_leaf(const std::string& prefix, unsigned unique) {
+  char digits[8];
+  std::snprintf(digits, sizeof digits, "%04X", unique & 0xFFFFu);
+  return prefix.substr(0, 3) + digits + ".tmp";
+}
+
+// A start value for the search for a free temporary name, different between
+// processes and between calls.
+unsigned temp_start() {
+  static std::atomic<unsigned> counter{0};
+  const unsigned mixed = static_cast<unsigned>(perf_counter() / 1000) ^ (static_cast<unsigned>(getpid()) * 2654435761u) ^
+                         counter.fetch_add(0x9E37u, std::memory_order_relaxed);
+  return mixed & 0xFFFFu;
+}
+
+bool sync_directory_of(const std::string& host) {
+  const size_t slash = host.find_last_of('/');
+  const std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : host.substr(0, slash));
+  const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool ok = fsync(fd) == 0 || errno == EINVAL;  // some file systems cannot sync directories
+  close(fd);
+  return ok;
+}
+
+}  // namespace
+
+file_t file_open(const std::string& dosPath, FileOpenMode mode) {
+  std::string host;
+  if (fault_check(FaultPoint::FileOpen) || !map(dosPath, host)) return kInvalidFile;
+  int flags = O_CLOEXEC;
+  switch (mode) {
+    case kFileReadExisting: flags |= O_RDONLY; break;
+    case kFileWriteExisting: flags |= O_WRONLY; break;
+    case kFileCreateAlways: flags |= O_WRONLY | O_CREAT | O_TRUNC; break;
+    case kFileCreateNew: flags |= O_WRONLY | O_CREAT | O_EXCL; break;
+    default: return kInvalidFile;
+  }
+  int fd;
+  do {
+    fd = open(host.c_str(), flags, 0666);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) return kInvalidFile;
+  struct stat st;
+  if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    close(fd);
+    return kInvalidFile;
+  }
+  return fd;
+}
+
+bool file_close(file_t file) {
+  if (file == kInvalidFile) return false;
+  const bool injected = fault_check(FaultPoint::FileClose);
+  const bool closed = close(fd_of(file)) == 0;  // never retried: the descriptor is gone either way
+  return closed && !injected;
+}
+
+bool file_seek(file_t file, uint64_t offset) {
+  if (file == kInvalidFile || fault_check(FaultPoint::FileSeek)) return false;
+  if (offset > static_cast<uint64_t>(INT64_MAX)) return false;
+  return lseek(fd_of(file), static_cast<off_t>(offset), SEEK_SET) == static_cast<off_t>(offset);
+}
+
+bool file_read(file_t file, void* buffer, uint64_t size, uint64_t& done) {
+  done = 0;
+  if (file == kInvalidFile || (size > 0 && buffer == nullptr)) return false;
+  if (fault_check(FaultPoint::FileRead)) return false;
+  char* out = static_cast<char*>(buffer);
+  while (done < size) {
+    const size_t chunk = static_cast<size_t>(std::min<uint64_t>(size - done, 1u << 30));
+    const ssize_t n = read(fd_of(file), out + done, chunk);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    if (n == 0) break;
+    done += static_cast<uint64_t>(n);
+  }
+  return true;
+}
+
+bool file_write(file_t file, const void* buffer, uint64_t size, uint64_t& done) {
+  done = 0;
+  if (file == kInvalidFile || (size > 0 && buffer == nullptr)) return false;
+  uint64_t limit = size;
+  const bool injected = fault_check(FaultPoint::FileWrite);
+  if (injected) limit = size / 2;  // a disk that fills up half-way
+  const char* in = static_cast<const char*>(buffer);
+  while (done < limit) {
+    const size_t chunk = static_cast<size_t>(std::min<uint64_t>(limit - done, 1u << 30));
+    const ssize_t n = write(fd_of(file), in + done, chunk);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    if (n == 0) return false;
+    done += static_cast<uint64_t>(n);
+  }
+  return !injected;
+}
+
+bool file_sync(file_t file) {
+  if (file == kInvalidFile || fault_check(FaultPoint::FileSync)) return false;
+  int rc;
+  do {
+    rc = fsync(fd_of(file));
+  } while (rc != 0 && errno == EINTR);
+  return rc == 0;
+}
+
+bool file_get_size(file_t file, uint64_t& size) {
+  struct stat st;
+  if (file == kInvalidFile || fstat(fd_of(file), &st) != 0) return false;
+  size = static_cast<uint64_t>(st.st_size);
+  return true;
+}
+
+bool file_get_time(file_t file, int64_t& lastWriteUtc) {
+  struct stat st;
+  if (file == kInvalidFile || fault_check(FaultPoint::FileGetTime) || fstat(fd_of(file), &st) != 0) return false;
+  lastWriteUtc = mtime_of(st);
+  return true;
+}
+
+bool file_set_time(file_t file, int64_t lastWriteUtc) {
+  if (file == kInvalidFile || lastWriteUtc < 0 || fault_check(FaultPoint::FileSetTime)) return false;
+  const int64_t unixTicks = lastWriteUtc - kFileTimeUnixEpoch;
+  int64_t seconds = unixTicks / 10000000;
+  int64_t rest = unixTicks % 10000000;
+  if (rest < 0) {
+    rest += 10000000;
+    --seconds;
+  }
+  timespec times[2];
+  times[0].tv_sec = 0;
+  times[0].tv_nsec = UTIME_OMIT;
+  times[1].tv_sec = static_cast<time_t>(seconds);
+  times[1].tv_nsec = static_cast<long>(rest * 100);
+  return futimens(fd_of(file), times) == 0;
+}
+
+bool file_delete(const std::string& dosPath) {
+  std::string host;
+  if (fault_check(FaultPoint::FileDelete) || !map(dosPath, host)) return false;
+  struct stat st;
+  if (lstat(host.c_str(), &st) != 0 || S_ISDIR(st.st_mode)) return false;
+  return unlink(host.c_str()) == 0;
+}
+
+bool file_replace(const std::string& dosFrom, const std::string& dosTo) {
+  std::string from, to;
+  if (fault_check(FaultPoint::FileReplace) || !map(dosFrom, from) || !map(dosTo, to)) return false;
+  struct stat target;
+  if (stat(to.c_str(), &target) == 0) {
+    if (S_ISDIR(target.st_mode)) return false;
+    chmod(from.c_str(), target.st_mode & 07777);  // best effort: the new file keeps the old access bits
+  }
+  if (rename(from.c_str(), to.c_str()) != 0) return false;
+  return sync_directory_of(to);
+}
+
+bool file_temp_name(const std::string& dosDir, const std::string& prefix, unsigned unique, std::string& dosName) {
+  const std::string dir = dosDir.empty() ? std::string(".") : dosDir;
+  if (fault_check(FaultPoint::FileTempName)) return false;
+  std::string hostDir;
+  if (!map(dir, hostDir)) return false;
+  struct stat st;
+  if (stat(hostDir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
+  if (unique != 0) {
+    dosName = join_dos(dir, temp_leaf(prefix, unique));
+    return true;
+  }
+  const std::string hostBase = hostDir.back() == '/' ? hostDir : hostDir + "/";
+  const unsigned start = temp_start();
+  for (unsigned step = 0; step < 0x10000u; ++step) {
+    const unsigned number = (start + step) & 0xFFFFu;
+    if (number == 0) continue;
+    const std::string leaf = temp_leaf(prefix, number);
+    const int fd = open((hostBase + leaf).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd >= 0) {
+      close(fd);
+      dosName = join_dos(dir, leaf);
+      return true;
+    }
+    if (errno != EEXIST && errno != EINTR) return false;
+  }
+  return false;
+}
+
+bool file_find_first(const std::string& dosPattern, FindData& found) {
+  // The directory part keeps its separator ("c:\\dir\\"), or is "c:" for "c:*.txt".
+  size_t cut = dosPattern.find_last_of("\\/");
+  if (cut == std::string::npos && dosPattern.size() >= 2 && dosPattern[1] == ':') cut = 1;
+  const std::string leaf = cut == std::string::npos ? dosPattern : dosPattern.substr(cut + 1);
+  if (leaf.empty() || leaf == "." || leaf == "..") return false;
+  const bool wild = leaf.find_first_of("*?") != std::string::npos;
+  if (!wild) {
+    std::string host;
+    struct stat st;
+    if (!map(dosPattern, host) || stat(host.c_str(), &st) != 0) return false;
+    const size_t slash = host.find_last_of('/');
+    fill_found(host, slash == std::string::npos ? host : host.substr(slash + 1), st, found);
+    return true;
+  }
+  const std::string dosDir = cut == std::string::npos ? std::string(".") : dosPattern.substr(0, cut + 1);
+  std::string hostDir;
+  if (!map(dosDir, hostDir)) return false;
+  DIR* dir = opendir(hostDir.c_str());
+  if (dir == nullptr) return false;
+  const std::string pattern = lower(leaf);
+  const bool all = pattern == "*.*" || pattern == "*";
+  std::vector<std::string> names;
+  while (dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    if (all || wild_match(pattern.c_str(), lower(name).c_str())) names.push_back(name);
+  }
+  closedir(dir);
+  std::sort(names.begin(), names.end(),
+            [](const std::string& a, const std::string& b) { return strcasecmp(a.c_str(), b.c_str()) < 0; });
+  const std::string base = hostDir.back() == '/' ? hostDir : hostDir + "/";
+  for (const std::string& name : names) {
+    struct stat st;
+    if (stat((base + name).c_str(), &st) != 0) continue;  // vanished meanwhile
+    fill_found(base + name, name, st, found);
+    return true;
+  }
+  return false;
+}
+
+bool disk_free_space(const std::string& dosPath, uint64_t& freeToCaller, uint64_t* total, uint64_t* totalFree) {
+  std::string host;
+  if (!map(dosPath, host)) return false;
+  struct statvfs vfs;
+  if (statvfs(host.c_str(), &vfs) != 0) return false;
+  const uint64_t unit = vfs.f_frsize != 0 ? vfs.f_frsize : vfs.f_bsize;
+  freeToCaller = static_cast<uint64_t>(vfs.f_bavail) * unit;
+  if (total != nullptr) *total = static_cast<uint64_t>(vfs.f_blocks) * unit;
+  if (totalFree != nullptr) *totalFree = static_cast<uint64_t>(vfs.f_bfree) * unit;
+  return true;
+}
+
+}  // namespace kvos

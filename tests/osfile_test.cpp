@@ -1,0 +1,261 @@
+// The OS boundary's files: I/O, times, temporary names, atomic replacement,
+// find-first, free space and the fault-injection facility.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <regex>
+#include <set>
+#include <string>
+
+#include "kvos/drives.h"
+#include "kvos/fault.h"
+#include "kvos/file.h"
+#include "kvos/fileattr.h"
+#include "kvos/time.h"
+#include "test_support.h"
+
+namespace {
+
+std::string dos(const std::string& host) {
+  std::string path;
+  EXPECT_TRUE(kvos::host_to_dos(host, path)) << host;
+  return path;
+}
+
+bool exists(const std::string& host) {
+  struct stat st;
+  return stat(host.c_str(), &st) == 0;
+}
+
+std::string write_all(kvos::file_t file, const std::string& text) {
+  uint64_t done = 0;
+  EXPECT_TRUE(kvos::file_write(file, text.data(), text.size(), done));
+  EXPECT_EQ(done, text.size());
+  return text;
+}
+
+TEST(OsFile, WriteSeekAndReadBackThroughDosPaths) {
+  kvtest::TempDir dir;
+  const std::string path = dos(dir.file("Data.bin"));
+
+  kvos::file_t file = kvos::file_open(path, kvos::kFileCreateAlways);
+  ASSERT_NE(file, kvos::kInvalidFile);
+  write_all(file, "hello");
+  ASSERT_TRUE(kvos::file_seek(file, 8));
+  write_all(file, "xy");
+  uint64_t size = 0;
+  ASSERT_TRUE(kvos::file_get_size(file, size));
+  EXPECT_EQ(size, 10u);
+  EXPECT_TRUE(kvos::file_close(file));
+  EXPECT_EQ(kvtest::read_file(dir.file("Data.bin")), std::string("hello\0\0\0xy", 10));
+
+  // The name is found whatever its case; reading stops short only at the end.
+  std::string upper = path;
+  upper.replace(upper.size() - 8, 8, "DATA.BIN");
+  file = kvos::file_open(upper, kvos::kFileReadExisting);
+  ASSERT_NE(file, kvos::kInvalidFile);
+  char buffer[16] = {};
+  uint64_t done = 0;
+  ASSERT_TRUE(kvos::file_seek(file, 3));
+  ASSERT_TRUE(kvos::file_read(file, buffer, 4, done));
+  EXPECT_EQ(done, 4u);
+  EXPECT_EQ(std::string(buffer, 2), "lo");
+  ASSERT_TRUE(kvos::file_read(file, buffer, sizeof buffer, done));
+  EXPECT_EQ(done, 3u) << "a read past the end is short, not an error";
+  EXPECT_TRUE(kvos::file_close(file));
+
+  // Opening modes.
+  EXPECT_EQ(kvos::file_open(path, kvos::kFileCreateNew), kvos::kInvalidFile);
+  EXPECT_EQ(kvos::file_open(dos(dir.file("missing")), kvos::kFileReadExisting), kvos::kInvalidFile);
+  EXPECT_EQ(kvos::file_open(dos(dir.file("missing")), kvos::kFileWriteExisting), kvos::kInvalidFile);
+  EXPECT_EQ(kvos::file_open(dos(dir.path()), kvos::kFileReadExisting), kvos::kInvalidFile);
+  file = kvos::file_open(path, kvos::kFileWriteExisting);
+  ASSERT_NE(file, kvos::kInvalidFile);
+  write_all(file, "J");
+  EXPECT_TRUE(kvos::file_close(file));
+  EXPECT_EQ(kvtest::read_file(dir.file("Data.bin")).size(), 10u) << "writing an existing file does not truncate it";
+  file = kvos::file_open(path, kvos::kFileCreateAlways);
+  EXPECT_TRUE(kvos::file_close(file));
+  EXPECT_EQ(kvtest::read_file(dir.file("Data.bin")), "");
+  EXPECT_FALSE(kvos::file_close(kvos::kInvalidFile));
+}
+
+TEST(OsFile, LastWriteTimeAndDelete) {
+  kvtest::TempDir dir;
+  const std::string path = dos(dir.file("t.txt"));
+  kvtest::write_file(dir.file("t.txt"), "abc");
+  kvos::file_t file = kvos::file_open(path, kvos::kFileWriteExisting);
+  ASSERT_NE(file, kvos::kInvalidFile);
+  const int64_t when = kvos::unix_to_file_time(1505049510, 123456700);  // 2017-09-10 13:18:30.1234567 UTC
+  ASSERT_TRUE(kvos::file_set_time(file, when));
+  int64_t read = 0;
+  ASSERT_TRUE(kvos::file_get_time(file, read));
+  EXPECT_EQ(read, when);
+  EXPECT_TRUE(kvos::file_close(file));
+  struct stat st;
+  ASSERT_EQ(stat(dir.file("t.txt").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mtim.tv_sec, 1505049510);
+
+  EXPECT_FALSE(kvos::file_delete(dos(dir.path()))) << "directories are not files";
+  EXPECT_TRUE(kvos::file_delete(path));
+  EXPECT_FALSE(exists(dir.file("t.txt")));
+  EXPECT_FALSE(kvos::file_delete(path));
+}
+
+TEST(OsFile, TemporaryNamesAreUniqueReservedAndShapedLikeTheClassicOnes) {
+  kvtest::TempDir dir;
+  const std::string dosDir = dos(dir.path());
+  const std::regex shape(R"(kvc[0-9A-F]{4}\.tmp)");
+  std::set<std::string> seen;
+  for (int i = 0; i < 64; ++i) {
+    std::string name;
+    ASSERT_TRUE(kvos::file_temp_name(dosDir, "kvc", 0, name));
+    ASSERT_EQ(name.substr(0, dosDir.size() + 1), dosDir + "\\");
+    const std::string leaf = name.substr(dosDir.size() + 1);
+    EXPECT_TRUE(std::regex_match(leaf, shape)) << leaf;
+    EXPECT_NE(leaf, "kvc0000.tmp");
+    EXPECT_TRUE(seen.insert(leaf).second) << "handed out twice: " << leaf;
+    EXPECT_TRUE(exists(dir.file(leaf))) << "the name is reserved by an empty file";
+    EXPECT_EQ(kvtest::read_file(dir.file(leaf)), "");
+  }
+
+  // A given number names the file without creating it; the prefix keeps 3 characters.
+  std::string name;
+  ASSERT_TRUE(kvos::file_temp_name(dosDir + "\\", "abcdef", 0x51A2B, name));
+  EXPECT_EQ(name, dosDir + "\\abc1A2B.tmp");
+  EXPECT_FALSE(exists(dir.file("abc1A2B.tmp")));
+
+  EXPECT_FALSE(kvos::file_temp_name(dosDir + "\\missing", "kvc", 0, name));
+  kvtest::write_file(dir.file("plain"), "x");
+  EXPECT_FALSE(kvos::file_temp_name(dosDir + "\\plain", "kvc", 0, name)) << "a file is no directory";
+}
+
+TEST(OsFile, ReplaceSwapsContentAndKeepsTheAccessBits) {
+  kvtest::TempDir dir;
+  kvtest::write_file(dir.file("target"), "old");
+  ASSERT_EQ(chmod(dir.file("target").c_str(), 0640), 0);
+  kvtest::write_file(dir.file("new"), "new content");
+  ASSERT_EQ(chmod(dir.file("new").c_str(), 0600), 0);
+
+  ASSERT_TRUE(kvos::file_replace(dos(dir.file("new")), dos(dir.file("target"))));
+  EXPECT_EQ(kvtest::read_file(dir.file("target")), "new content");
+  EXPECT_FALSE(exists(dir.file("new")));
+  struct stat st;
+  ASSERT_EQ(stat(dir.file("target").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+
+  // A new target is simply created; a directory is never replaced.
+  kvtest::write_file(dir.file("a"), "A");
+  EXPECT_TRUE(kvos::file_replace(dos(dir.file("a")), dos(dir.file("fresh"))));
+  EXPECT_EQ(kvtest::read_file(dir.file("fresh")), "A");
+  ASSERT_EQ(mkdir(dir.file("sub").c_str(), 0700), 0);
+  kvtest::write_file(dir.file("b"), "B");
+  EXPECT_FALSE(kvos::file_replace(dos(dir.file("b")), dos(dir.file("sub"))));
+  EXPECT_EQ(kvtest::read_file(dir.file("b")), "B");
+  EXPECT_FALSE(kvos::file_replace(dos(dir.file("gone")), dos(dir.file("fresh"))));
+  EXPECT_EQ(kvtest::read_file(dir.file("fresh")), "A");
+}
+
+TEST(OsFile, FindFirstMatchesWildcardsIgnoringCaseInNameOrder) {
+  kvtest::TempDir dir;
+  kvtest::write_file(dir.file("beta.TXT"), "12345");
+  kvtest::write_file(dir.file("Alpha.txt"), "1");
+  kvtest::write_file(dir.file("gamma.dat"), "123");
+  kvtest::write_file(dir.file(".hidden"), "");
+  ASSERT_EQ(mkdir(dir.file("sub").c_str(), 0700), 0);
+  const std::string d = dos(dir.path()) + "\\";
+
+  kvos::FindData found;
+  ASSERT_TRUE(kvos::file_find_first(d + "*.txt", found));
+  EXPECT_EQ(found.name, "Alpha.txt");
+  EXPECT_EQ(found.size, 1u);
+  EXPECT_EQ(found.attributes, kvos::kFileAttributeNormal);
+  ASSERT_TRUE(kvos::file_find_first(d + "B*.t?t", found));
+  EXPECT_EQ(found.name, "beta.TXT");
+  EXPECT_EQ(found.size, 5u);
+  EXPECT_FALSE(kvos::file_find_first(d + "b?.txt", found)) << "? stands for exactly one character";
+  ASSERT_TRUE(kvos::file_find_first(d + "*.*", found));
+  EXPECT_EQ(found.name, ".hidden");
+  EXPECT_EQ(found.attributes, kvos::kFileAttributeHidden);
+  ASSERT_TRUE(kvos::file_find_first(d + "s*", found));
+  EXPECT_EQ(found.name, "sub");
+  EXPECT_EQ(found.attributes, kvos::kFileAttributeDirectory);
+  EXPECT_EQ(found.size, 0u);
+
+  // Without wildcards: the named entry, in its real case, with its time.
+  ASSERT_TRUE(kvos::file_find_first(d + "GAMMA.DAT", found));
+  EXPECT_EQ(found.name, "gamma.dat");
+  EXPECT_EQ(found.size, 3u);
+  struct stat st;
+  ASSERT_EQ(stat(dir.file("gamma.dat").c_str(), &st), 0);
+  EXPECT_EQ(found.lastWriteUtc, kvos::unix_to_file_time(st.st_mtim.tv_sec, st.st_mtim.tv_nsec));
+
+  EXPECT_FALSE(kvos::file_find_first(d + "*.none", found));
+  EXPECT_FALSE(kvos::file_find_first(d + "missing.txt", found));
+  EXPECT_FALSE(kvos::file_find_first(d + "nodir\\*.txt", found));
+}
+
+TEST(OsFile, FreeSpaceIsTheVolumesAndMissingPathsFail) {
+  kvtest::TempDir dir;
+  uint64_t available = 0, total = 0, totalFree = 0;
+  ASSERT_TRUE(kvos::disk_free_space(dos(dir.path()), available, &total, &totalFree));
+  struct statvfs vfs;
+  ASSERT_EQ(statvfs(dir.path().c_str(), &vfs), 0);
+  EXPECT_EQ(total, static_cast<uint64_t>(vfs.f_blocks) * vfs.f_frsize);
+  const uint64_t expected = static_cast<uint64_t>(vfs.f_bavail) * vfs.f_frsize;
+  EXPECT_NEAR(static_cast<double>(available), static_cast<double>(expected), 64.0 * 1024 * 1024);
+  EXPECT_LE(available, totalFree);
+  EXPECT_LE(totalFree, total);
+  EXPECT_FALSE(kvos::disk_free_space(dos(dir.file("missing")), available));
+}
+
+TEST(OsFault, ArmedPointsFailAfterTheSkipForTheCount) {
+  kvos::FaultScope scope;
+  kvtest::TempDir dir;
+  kvtest::write_file(dir.file("f"), "x");
+  const std::string path = dos(dir.file("f"));
+  auto opens = [&] {
+    const kvos::file_t file = kvos::file_open(path, kvos::kFileReadExisting);
+    if (file == kvos::kInvalidFile) return false;
+    kvos::file_close(file);
+    return true;
+  };
+  kvos::fault_arm(kvos::FaultPoint::FileOpen, 1, 2);
+  EXPECT_TRUE(opens());
+  EXPECT_FALSE(opens());
+  EXPECT_FALSE(opens());
+  EXPECT_TRUE(opens()) << "the count is used up";
+  EXPECT_EQ(kvos::fault_hits(kvos::FaultPoint::FileOpen), 2u);
+
+  kvos::fault_arm(kvos::FaultPoint::FileOpen, 0, 0);
+  for (int i = 0; i < 5; ++i) EXPECT_FALSE(opens()) << "count 0 fails until disarmed";
+  kvos::fault_disarm(kvos::FaultPoint::FileOpen);
+  EXPECT_TRUE(opens());
+  EXPECT_EQ(kvos::fault_hits(kvos::FaultPoint::FileOpen), 5u);
+
+  // An injected write failure stores half of the bytes first, as a full disk would.
+  kvos::file_t file = kvos::file_open(dos(dir.file("w")), kvos::kFileCreateAlways);
+  ASSERT_NE(file, kvos::kInvalidFile);
+  kvos::fault_arm(kvos::FaultPoint::FileWrite);
+  uint64_t done = 0;
+  EXPECT_FALSE(kvos::file_write(file, "0123456789", 10, done));
+  EXPECT_EQ(done, 5u);
+  EXPECT_TRUE(kvos::file_write(file, "ab", 2, done));
+  kvos::fault_arm(kvos::FaultPoint::FileClose);
+  EXPECT_FALSE(kvos::file_close(file));
+  EXPECT_EQ(kvtest::read_file(dir.file("w")), "01234ab") << "the handle is closed all the same";
+
+  // The other file points.
+  kvos::fault_arm(kvos::FaultPoint::FileReplace);
+  EXPECT_FALSE(kvos::file_replace(dos(dir.file("w")), path));
+  EXPECT_EQ(kvtest::read_file(dir.file("f")), "x");
+  kvos::fault_arm(kvos::FaultPoint::FileTempName);
+  std::string name;
+  EXPECT_FALSE(kvos::file_temp_name(dos(dir.path()), "kvc", 0, name));
+  kvos::fault_arm(kvos::FaultPoint::FileDelete);
+  EXPECT_FALSE(kvos::file_delete(path));
+  EXPECT_TRUE(exists(dir.file("f")));
+}
+
+}  // namespace

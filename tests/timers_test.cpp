@@ -1,0 +1,343 @@
+// The clock, delays, stopwatch, Timer, TimeDebug, uptime and the diagnostic routines.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include "Zub/Core/Callback.h"
+#include "kvos/fault.h"
+#include "kvos/thread.h"
+#include "sysman.h"
+#include "test_support.h"
+#include "timers.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double ms_since(Clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+boost::shared_ptr<Zub::Core::Callback> counting(std::atomic<int>& count) {
+  return boost::shared_ptr<Zub::Core::Callback>(new Zub::Core::FunctionCallback([&count] { ++count; }));
+}
+
+void expect_timer_error(const std::function<void()>& body) {
+  try {
+    body();
+    ADD_FAILURE() << "no Timer error";
+  } catch (const SysManagerError& error) {
+    EXPECT_STREQ(error.what(), "Timer error");
+  }
+}
+
+TEST(Clock, ReadingsInEveryUnitComeFromTheSameClock) {
+  const uint64_t first = timer_us_large_int();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  const uint64_t us = timer_us_large_int();
+  EXPECT_GE(us - first, 20000u);
+  EXPECT_LT(us - first, 1000000u);
+  const long ms = timer_ms();
+  EXPECT_GE(ms, static_cast<long>(us / 1000));
+  EXPECT_LE(ms, static_cast<long>(us / 1000) + 100);
+  EXPECT_EQ(timer_s(), ms / 1000);
+  EXPECT_EQ(timer_min(), static_cast<long>(timer_us_large_int() / 60000000u));
+  EXPECT_EQ(timer_hr(), 0);
+  // timer_us is the large reading cut to 31 bits: never negative, wrapping every 2^31 us.
+  const uint64_t large = timer_us_large_int();
+  const long low = timer_us();
+  EXPECT_GE(low, 0);
+  EXPECT_LT(static_cast<uint64_t>(low - static_cast<long>(large & 0x7FFFFFFF)) & 0x7FFFFFFF, 100000u);
+  EXPECT_DOUBLE_EQ(TimerTicksToSeconds(182), 10.0);
+  EXPECT_DOUBLE_EQ(TimerTicksToSeconds(-91), -5.0);
+}
+
+TEST(Delays, SleepAndSpinForTheirTime) {
+  auto start = Clock::now();
+  delay_dos_ms(25);
+  EXPECT_GE(ms_since(start), 25.0);
+  start = Clock::now();
+  const uint64_t before = timer_us_large_int();
+  delay_dos_us(3000);
+  EXPECT_GT(timer_us_large_int() - before, 3000u);
+  EXPECT_LT(ms_since(start), 500.0);
+  start = Clock::now();
+  delay_dos_us(-5);
+  delay_dos_ms(-5);
+  EXPECT_LT(ms_since(start), 50.0) << "negative delays end at once";
+}
+
+TEST(Stopwatch, DeadlinesOnTheMicrosecondClock) {
+  delay_dos_us(2);  // the clock starts at 0 with its first reading: let it pass 0
+  stopwatch watch;
+  EXPECT_FALSE(watch.is_on());
+  EXPECT_TRUE(watch.time_up()) << "a stopwatch never started has a zero deadline";
+
+  EXPECT_FALSE(watch.start(0.0)) << "a zero time is reported";
+  EXPECT_TRUE(watch.is_on());
+  delay_dos_us(2);
+  EXPECT_TRUE(watch.time_up());
+  EXPECT_FALSE(watch.start(-3.0));
+  EXPECT_FALSE(watch.start(0.0000004)) << "below one microsecond";
+
+  ASSERT_TRUE(watch.start(0.05));
+  EXPECT_FALSE(watch.time_up());
+  stopwatch copy;
+  copy = watch;
+  EXPECT_TRUE(copy.is_on());
+  const auto start = Clock::now();
+  while (!watch.time_up()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_GE(ms_since(start), 45.0);
+  EXPECT_TRUE(copy.time_up());
+
+  watch.stop();
+  EXPECT_FALSE(watch.is_on());
+  EXPECT_TRUE(watch.time_up());
+  EXPECT_TRUE(copy.is_on()) << "the copy is a value of its own";
+
+  const auto waited = Clock::now();
+  copy.Wait(0.03);
+  EXPECT_GE(ms_since(waited), 30.0);
+  EXPECT_TRUE(copy.is_on()) << "Wait does not touch the deadline";
+}
+
+TEST(TimerBasics, OnUntilItsTimeDoneAfterUntilStartedAgain) {
+  const auto start = Clock::now();
+  Timer timer(0.08);
+  EXPECT_TRUE(timer.IsOn());
+  EXPECT_FALSE(timer.Done());
+  while (!timer.Done()) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  EXPECT_GE(ms_since(start), 79.0);
+  EXPECT_FALSE(timer.IsOn());
+  EXPECT_TRUE(timer.Done()) << "it stays signalled";
+  timer.Start();
+  EXPECT_TRUE(timer.IsOn()) << "starting again re-arms it";
+  timer.Wait();
+  EXPECT_TRUE(timer.Done());
+  EXPECT_GE(ms_since(start), 158.0);
+
+  Timer idle;
+  EXPECT_FALSE(idle.Done()) << "a timer never started is never done";
+  const auto waited = Clock::now();
+  idle.Wait(0.03);
+  EXPECT_TRUE(idle.Done());
+  EXPECT_GE(ms_since(waited), 29.0);
+}
+
+TEST(TimerBasics, StopBeforeItsTimeMeansNeverDone) {
+  std::atomic<int> fired{0};
+  Timer timer(counting(fired), 0.02);
+  timer.Stop();
+  std::this_thread::sleep_for(std::chrono::milliseconds(40));
+  SysManager::Sleep(0);
+  EXPECT_FALSE(timer.Done());
+  EXPECT_EQ(fired.load(), 0);
+  timer.Set(0.01);
+  timer.Start();
+  timer.Wait();
+  EXPECT_TRUE(timer.Done());
+}
+
+TEST(TimerCallbacks, FireRunsOnTheStartingThreadOnlyDuringAlertableWaits) {
+  std::atomic<int> fired{0};
+  std::thread::id firedOn;
+  Timer timer(boost::shared_ptr<Zub::Core::Callback>(new Zub::Core::FunctionCallback([&] {
+                ++fired;
+                firedOn = std::this_thread::get_id();
+              })),
+              0.02);
+  timer.Wait();
+  EXPECT_TRUE(timer.Done());
+  EXPECT_EQ(fired.load(), 0) << "Wait is not alertable";
+  std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(fired.load(), 0);
+  SysManager::Sleep(1000);
+  EXPECT_EQ(fired.load(), 1);
+  EXPECT_EQ(firedOn, std::this_thread::get_id());
+  SysManager::Sleep(10);
+  EXPECT_EQ(fired.load(), 1) << "one expiry, one call";
+
+  // A callback-less timer does nothing at expiry; a callback set but not started never runs.
+  Timer plain(0.005);
+  Timer unstarted(counting(fired));
+  SysManager::Sleep(50);
+  EXPECT_EQ(fired.load(), 1);
+}
+
+TEST(TimerCallbacks, AnAlertableSleepEndsAtTheExpiry) {
+  std::atomic<int> fired{0};
+  const auto start = Clock::now();
+  Timer timer(counting(fired), 0.05);
+  SysManager::Sleep(10000);
+  const double slept = ms_since(start);
+  EXPECT_EQ(fired.load(), 1);
+  EXPECT_GE(slept, 49.0);
+  EXPECT_LT(slept, 1000.0);
+}
+
+TEST(TimerCallbacks, AnotherThreadsTimerFiresThere) {
+  std::atomic<int> fired{0};
+  std::atomic<bool> onWorker{false};
+  std::thread::id workerId;
+  kvos::Event started(true), mayWait(true);
+  std::unique_ptr<Timer> timer;
+  std::thread worker([&] {
+    workerId = std::this_thread::get_id();
+    timer = std::make_unique<Timer>(boost::shared_ptr<Zub::Core::Callback>(new Zub::Core::FunctionCallback([&] {
+                                      ++fired;
+                                      onWorker = std::this_thread::get_id() == workerId;
+                                    })),
+                                    0.01);
+    started.set();
+    mayWait.wait(kvos::kWaitForever);
+    SysManager::Sleep(2000);
+  });
+  started.wait(kvos::kWaitForever);
+  timer->Wait();
+  SysManager::Sleep(30);
+  EXPECT_EQ(fired.load(), 0) << "the main thread's sleep does not run another thread's expiry";
+  mayWait.set();
+  worker.join();
+  EXPECT_EQ(fired.load(), 1);
+  EXPECT_TRUE(onWorker.load());
+}
+
+class CountingTimer : public Timer {
+ public:
+  explicit CountingTimer(double seconds) : Timer(seconds) {}
+  void Fire() override { ++fires; }
+  int fires = 0;
+};
+
+TEST(TimerCallbacks, SubclassesActOnExpiryByOverridingFire) {
+  CountingTimer timer(0.01);
+  SysManager::Sleep(2000);
+  EXPECT_EQ(timer.fires, 1);
+}
+
+TEST(TimerCopies, ShareTheSystemTimerButFireOnlyTheStarter) {
+  std::atomic<int> fired{0};
+  Timer original(counting(fired), 0.03);
+  {
+    Timer copy(original);
+    EXPECT_TRUE(copy.IsOn());
+    copy.Wait();
+    EXPECT_TRUE(original.Done()) << "the copy waited on the same timer";
+  }
+  SysManager::Sleep(100);
+  EXPECT_EQ(fired.load(), 1) << "the starter fires once; the copy's end did not cancel it";
+
+  // The last copy to go cancels; a starter that is gone is not called.
+  std::atomic<int> orphan{0};
+  auto starter = std::make_unique<Timer>(counting(orphan), 0.02);
+  Timer survivor(*starter);
+  starter.reset();
+  survivor.Wait();
+  SysManager::Sleep(30);
+  EXPECT_EQ(orphan.load(), 0);
+
+  // Assignment leaves the old timer behind: its expiry no longer reaches the object.
+  std::atomic<int> left{0}, taken{0};
+  Timer target(counting(left), 0.02);
+  Timer source(counting(taken));
+  target = source;
+  std::this_thread::sleep_for(std::chrono::milliseconds(40));
+  SysManager::Sleep(0);
+  EXPECT_EQ(left.load(), 0);
+  EXPECT_FALSE(target.Done()) << "it now shares source's timer, which was never started";
+  target.Start(0.005);
+  SysManager::Sleep(1000);
+  EXPECT_EQ(taken.load(), 1) << "the assigned callback came along";
+  EXPECT_TRUE(source.Done());
+}
+
+TEST(TimerFailures, EveryFailingSystemCallIsATimerError) {
+  kvos::FaultScope faults;
+  kvos::fault_arm(kvos::FaultPoint::TimerCreate);
+  expect_timer_error([] { Timer timer; });
+  Timer timer;
+  kvos::fault_arm(kvos::FaultPoint::TimerArm);
+  expect_timer_error([&] { timer.Start(0.01); });
+  kvos::fault_arm(kvos::FaultPoint::TimerCancel);
+  expect_timer_error([&] { timer.Stop(); });
+  kvos::fault_arm(kvos::FaultPoint::TimerWait);
+  expect_timer_error([&] { (void)timer.Done(); });
+  timer.Start(0.001);
+  kvos::fault_arm(kvos::FaultPoint::TimerWait);
+  expect_timer_error([&] { timer.Wait(); });
+  timer.Wait();
+}
+
+TEST(TimeDebugMessages, ElapsedProcessTimeInMillisecondsOrSeconds) {
+  kvtest::CategoryScope timerOn(dbgTimer);
+  kvtest::CaptureSink sink;
+  TimeDebug debug("probe");
+  std::this_thread::sleep_for(std::chrono::milliseconds(250));
+  debug.TimeMsg("x", true);
+  std::this_thread::sleep_for(std::chrono::milliseconds(40));
+  debug.TimeMsg(nullptr, false);
+  const auto entries = sink.entries();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].logger, "Korvalis.Timer");
+  EXPECT_TRUE(std::regex_match(entries[0].text,
+                               std::regex(R"(Time Debug Object probe: x, Elapsed time: 2[5-9]\d\.000000 msec\n)")))
+      << entries[0].text;
+  EXPECT_TRUE(std::regex_match(entries[1].text, std::regex(R"(Time Debug Object probe: , Elapsed time: 0\.0[4-9]\d000 sec\n)")))
+      << entries[1].text << " (measured from the previous message)";
+
+  sink.clear();
+  TimeDebug unnamed;
+  TimeDebug copy(debug);
+  unnamed = copy;
+  unnamed.TimeMsg("m", true);
+  ASSERT_EQ(sink.entries().size(), 1u);
+  EXPECT_EQ(sink.text().rfind("Time Debug Object probe: m, Elapsed time: ", 0), 0u) << sink.text();
+
+  CSL::DebugManager::DebugFlagSet(dbgTimer, false);
+  sink.clear();
+  debug.TimeMsg("quiet", true);
+  EXPECT_EQ(sink.text(), "");
+}
+
+TEST(Uptime, IsTheSystemsMillisecondsSinceStart) {
+  std::ifstream in("/proc/uptime");
+  double seconds = 0;
+  ASSERT_TRUE(in >> seconds);
+  const double uptime = Time::Uptime();
+  EXPECT_NEAR(uptime, std::fmod(seconds * 1000.0, 4294967296.0), 2000.0);
+}
+
+TEST(TimerDiagnostics, PrintEveryClockForEveryCycle) {
+  kvtest::CategoryScope a(dbgA);
+  kvtest::CaptureSink sink;
+  EXPECT_TRUE(TestTheTimers(3));
+  const auto entries = sink.entries();
+  ASSERT_EQ(entries.size(), 14u);
+  EXPECT_EQ(entries[0].text, "TestTheTimers(int cycles ) called, cycles= 3\n");
+  EXPECT_EQ(entries[1].text, "TestTheTimers() pre test timer_us() for sensical long values. cycles=3\n");
+  EXPECT_TRUE(std::regex_match(entries[2].text, std::regex("timer_us\\(\\): \t1\t\\d+\n")));
+  EXPECT_TRUE(std::regex_match(entries[4].text, std::regex("timer_us\\(\\): \t3\t\\d+\n")));
+  EXPECT_EQ(entries[5].text, "TestTheTimers() pre test timer_ms() for sensical long values. cycles=3\n");
+  EXPECT_TRUE(std::regex_match(entries[6].text, std::regex("timer_ms\\(\\): \t1\t\\d+\n")));
+  EXPECT_EQ(entries[9].text, "TestTheTimers() pre test timer_us_large_int() for sensical long values. cycles=3\n");
+  EXPECT_TRUE(std::regex_match(entries[12].text, std::regex("timer_us_large_int\\(\\): \t3\t[0-9.e+]+\n")));
+  EXPECT_EQ(entries[13].text, "TestTheTimers(int cycles) exit.  3 cycles completed\n");
+  EXPECT_EQ(entries[0].logger, "Korvalis.A");
+
+  sink.clear();
+  EXPECT_TRUE(TestTheTimers());
+  const std::string all = sink.text();
+  EXPECT_EQ(all.rfind("TestTheTimers() called. \nTestTheTimers(int cycles ) called, cycles= 5000\n", 0), 0u);
+  EXPECT_NE(all.find("timer_us_large_int(): \t5000\t"), std::string::npos);
+  EXPECT_EQ(sink.entries().size(), 15006u);
+}
+
+}  // namespace
