@@ -22,6 +22,9 @@ constexpr std::size_t kTextMax = 10;  // characters of a custom factor (and of a
 inline bool is_blank(char c) { return c == ' ' || c == '\t'; }
 inline char fold(char c) { return (c >= 'A' && c <= 'Z') ? char(c - 'A' + 'a') : c; }
 
+// Lengths of the symbols LSB ... ElectronVolt.
+constexpr std::size_t kSymbolLength[kTypeCount] = {3, 1, 1, 1, 2, 1, 1, 1, 1, 3, 1, 3, 3, 3, 8, 2, 7, 2};
+
 const char* skip_blanks(const char* p) {
   while (is_blank(*p)) ++p;
   return p;
@@ -89,12 +92,6 @@ UnitElt& UnitElt::Change(Prefix p, UnitType t) {
   return *this;
 }
 
-int UnitElt::EnumToIndex(Prefix p) {
-  const unsigned v = unsigned(p);
-  if (v == 0) return -1;
-  return 31 - __builtin_clz(v);
-}
-
 Prefix UnitElt::IndexToEnum(int index) { return static_cast<Prefix>(1u << index); }
 
 double UnitElt::Scale() const {
@@ -106,13 +103,19 @@ double UnitElt::Scale() const {
 const char* UnitElt::Read(const char* text) {
   const char* p = skip_blanks(text);
   const std::size_t length = std::strlen(p);
+  ReadText(p, length);
+  return p + length;
+}
+
+void UnitElt::ReadText(const char* p, std::size_t length) {
   prefix = NoPrefix;
-  for (int t = 0; t < kTypeCount; ++t) {
+  const char last = length > 0 ? fold(p[length - 1]) : '\0';
+  for (int t = 0; t < kTypeCount && length > 0; ++t) {
     const char* symbol = LowerUnitText[t];
-    const std::size_t n = std::strlen(symbol);
-    if (n > length) continue;
+    const std::size_t n = kSymbolLength[t];
+    if (n > length || symbol[n - 1] != last) continue;
     // Backwards over the symbol and the text's tail, both folded.
-    std::size_t k = 0;
+    std::size_t k = 1;
     while (k < n && fold(p[length - 1 - k]) == symbol[n - 1 - k]) ++k;
     if (k < n) continue;
     const std::size_t before = length - n;
@@ -124,7 +127,7 @@ const char* UnitElt::Read(const char* text) {
     }
     FreeText();
     type = t == DegreeText ? Degree : static_cast<UnitType>(t);
-    return p + length;
+    return;
   }
   if (customText == nullptr)
     customText =
@@ -133,7 +136,6 @@ const char* UnitElt::Read(const char* text) {
   const std::size_t n = length < kTextMax ? length : kTextMax;
   std::memcpy(customText, p, n);
   customText[n] = '\0';
-  return p + length;
 }
 
 char* UnitElt::Write(char* out) const {
@@ -336,14 +338,12 @@ int UnitList::NumberOfUnits() const {
 
 double UnitList::Scale(const UnitList& other) const {
   Sanity();
-  const int n = NumberOfUnits();
-  if (n != other.NumberOfUnits()) return 0.0;
+  other.Sanity();
+  if (singleUnit != nullptr && other.singleUnit != nullptr)
+    return singleUnit->SameType(*other.singleUnit) ? other.singleUnit->Scale() / singleUnit->Scale() : 0.0;
+  const int n = singleUnit != nullptr ? 1 : Count();
+  if (n != (other.singleUnit != nullptr ? 1 : other.Count())) return 0.0;
   if (n == 0) return 1.0;
-  if (n == 1) {
-    const UnitElt* u = FirstUnit();
-    const UnitElt* w = other.FirstUnit();
-    return u->SameType(*w) ? w->Scale() / u->Scale() : 0.0;
-  }
   // Each factor of this list takes the first unused factor of other with
   // the same type.
   constexpr int kLocal = 16;
@@ -509,25 +509,32 @@ const char* Units::Read(const char* text) {
   const char* p = text;
   bool inDenominator = false;
   for (;;) {
-    const char* separator = std::strpbrk(p, "*/");
-    std::size_t length;
-    if (separator == nullptr) {
-      length = std::strlen(p);
+    // The token runs to the next separator, or to the end without its
+    // trailing blanks.
+    const char* at = p;
+    while (*at != '\0' && *at != '*' && *at != '/') ++at;
+    const bool atEnd = *at == '\0';
+    std::size_t length = std::size_t(at - p);
+    if (atEnd)
       while (length > 0 && is_blank(p[length - 1])) --length;
-    } else {
-      length = std::size_t(separator - p);
-    }
     const std::size_t capped = length < kTextMax ? length : kTextMax;
     if (capped > 0 && !(capped == 1 && p[0] == '1')) {
-      char token[kTextMax + 1];
-      std::memcpy(token, p, capped);
-      token[capped] = '\0';
-      UnitElt u;
-      u.Read(token);
-      (inDenominator ? denominator : numerator).AddNewUnit(u);
+      // Leading blanks are skipped as UnitElt::Read skips them.
+      std::size_t skip = 0;
+      while (skip < capped && is_blank(p[skip])) ++skip;
+      UnitList& list = inDenominator ? denominator : numerator;
+      if (list.singleUnit == nullptr && list.First() == nullptr) {
+        // The first factor of a list is read in place.
+        list.localUnit.ReadText(p + skip, capped - skip);
+        list.singleUnit = &list.localUnit;
+      } else {
+        UnitElt u;
+        u.ReadText(p + skip, capped - skip);
+        list.AddNewUnit(u);
+      }
     }
-    if (separator == nullptr && capped == length) return p + std::strlen(p);
-    if (separator != nullptr && *separator == '/') inDenominator = true;
+    if (atEnd && capped == length) return at;
+    if (!atEnd && *at == '/') inDenominator = true;
     // Past the token and one character: the separator, or the 11th
     // character of a long token.
     p += capped + 1;

@@ -48,9 +48,9 @@ class KVCORE_API Coord2D {
 
   float x;
   float y;
+  int32_t reserved;  // kept in the layout; no operation uses it
 
  private:
-  int32_t reserved;
   coordTypeEnum type0;
   coordTypeEnum type;
 };
@@ -83,9 +83,9 @@ class KVCORE_API Coord3D {
   float x;
   float y;
   float z;
+  int32_t reserved;  // kept in the layout; no operation uses it
 
  private:
-  int32_t reserved;
   coordTypeEnum type0;
   coordTypeEnum type;
 };

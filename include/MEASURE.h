@@ -124,7 +124,10 @@ class KVCORE_API UnitElt : public DLlistElt {
   DLlistElt* DupElt(heap* h) const override;
 
   // Position of the highest set bit (0 for Tera ... 10 for AutoPrefix), -1 for 0.
-  static int EnumToIndex(Prefix prefix);
+  static int EnumToIndex(Prefix prefix) {
+    const unsigned v = unsigned(prefix);
+    return v == 0 ? -1 : 31 - __builtin_clz(v);
+  }
   static Prefix IndexToEnum(int index);
 
   // Written symbols of the types LSB ... ElectronVolt, and their lower-case
@@ -133,6 +136,9 @@ class KVCORE_API UnitElt : public DLlistElt {
   static const char* const LowerUnitText[19];
 
  private:
+  friend class Units;
+  // Reads the factor from exactly length characters (no leading blanks).
+  void ReadText(const char* p, std::size_t length);
   void FreeText();
 
   UnitType type;
