@@ -2,10 +2,12 @@
 #pragma once
 
 #include "ConsoleWindow.h"
+#include "Coord.h"
 #include "DebugManager.h"
 #include "FILENAME.h"
 #include "KvExport.h"
 #include "LIST.h"
+#include "MEASURE.h"
 #include "ProcessManager.h"
 #include "TerminationManager.h"
 #include "filetime.h"

@@ -1,0 +1,415 @@
+// Units: reading and writing factors and compound units, the single-factor
+// slot and its iterators, conversion factors, cancellation, automatic
+// prefixes, the ready-made constants and heap placement.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "MEASURE.h"
+#include "sysman.h"
+
+namespace {
+
+std::string text_of(const Units& u) {
+  std::string out(u.WriteSize(), '\0');
+  out.resize(std::size_t(u.Write(out.data()) - out.data()));
+  return out;
+}
+
+std::string text_of(const UnitElt& e) {
+  char out[16];
+  char* end = e.Write(out);
+  return std::string(out, end);
+}
+
+// "type/prefix" of every factor of a list, front to back.
+std::string shape(const UnitList& l) {
+  std::string s;
+  UnitIter it(l);
+  for (UnitElt* e = it.First(); e != nullptr; e = it.Next()) {
+    if (!s.empty()) s += ' ';
+    s += std::to_string(int(UnitType(*e))) + "/" + std::to_string(UnitElt::EnumToIndex(Prefix(*e)));
+  }
+  return s;
+}
+
+std::string abort_text(const std::function<void()>& body) {
+  try {
+    body();
+  } catch (const SysManagerError& e) {
+    return e.what();
+  }
+  return "(no abort)";
+}
+
+}  // namespace
+
+TEST(UnitRead, SymbolsMatchIgnoringCaseButPrefixesDoNot) {
+  struct Case {
+    const char* text;
+    UnitType type;
+    Prefix prefix;
+  };
+  const Case cases[] = {
+      {"pA", Ampere, Pico},         {"Pa", Pascal, NoPrefix},      {"mV", Volt, Milli},
+      {"MV", Volt, Mega},           {"eV", ElectronVolt, NoPrefix}, {"kOhm", Ohm, Kilo},
+      {"nN", Newton, Nano},         {"hz", Hertz, NoPrefix},       {"kHz", Hertz, Kilo},
+      {"deg", Degree, NoPrefix},    {"\xBA", Degree, NoPrefix},    {"m", Meter, NoPrefix},
+      {"mm", Meter, Milli},         {"  um", Meter, Micro},        {"fC", Coulomb, Femto},
+      {"TF", Farad, Tera},          {"Gs", Second, Giga},          {"LOG(ARB)", LogArb, NoPrefix},
+      {"klog(Pa)", LogPascal, Kilo}, {"lsb", LSB, NoPrefix},       {"?m", Meter, AutoPrefix},
+      {"mrad", Radian, Milli},      {"MPa", Pascal, Mega},         {"Arb", Arb, NoPrefix},
+  };
+  for (const Case& c : cases) {
+    UnitElt e(c.text);
+    EXPECT_EQ(UnitType(e), c.type) << c.text;
+    EXPECT_EQ(Prefix(e), c.prefix) << c.text;
+    EXPECT_EQ(e.CustomText(), nullptr) << c.text;
+  }
+}
+
+TEST(UnitRead, UnknownTextsBecomeCustomFactorsOfAtMostTenCharacters) {
+  UnitElt e;
+  const char* text = "  counts";
+  EXPECT_EQ(e.Read(text), text + 8);
+  EXPECT_EQ(UnitType(e), CustomUnit);
+  EXPECT_EQ(Prefix(e), NoPrefix);
+  EXPECT_STREQ(e.CustomText(), "counts");
+  EXPECT_EQ(text_of(e), "counts");
+
+  const std::string longText(5000, 'x');
+  EXPECT_EQ(e.Read(longText.c_str()), longText.c_str() + 5000);
+  EXPECT_EQ(text_of(e), "xxxxxxxxxx");
+
+  // Two characters before a symbol, or a prefix that is not one.
+  for (const char* t : {"xnm", "Xm", "Em", "mmm", ""}) {
+    UnitElt c(t);
+    EXPECT_EQ(UnitType(c), CustomUnit) << t;
+  }
+  // Reading a known type afterwards drops the text.
+  e.Read("V");
+  EXPECT_EQ(UnitType(e), Volt);
+  EXPECT_EQ(e.CustomText(), nullptr);
+}
+
+TEST(UnitWrite, FactorsWriteTheirPrefixAndSymbol) {
+  EXPECT_EQ(text_of(UnitElt(Kilo, Ohm)), "kOhm");
+  EXPECT_EQ(text_of(UnitElt(DegreeText)), "deg") << "only a constructed type 12 writes deg";
+  EXPECT_EQ(text_of(UnitElt("deg")), "\xBA");
+  EXPECT_EQ(text_of(UnitElt(AutoPrefix, Meter)), "?m");
+  EXPECT_EQ(text_of(UnitElt(Femto, ElectronVolt)), "feV");
+  EXPECT_EQ(text_of(UnitElt(Milli, LogPascal)), "mlog(Pa)");
+}
+
+TEST(UnitElt, CopyShareNothingAndComparisonsIgnoreCustomTexts) {
+  UnitElt a("volts");
+  UnitElt b(a);
+  ASSERT_NE(b.CustomText(), nullptr);
+  EXPECT_NE(b.CustomText(), a.CustomText()) << "the text is copied, not shared";
+  a.Read("amps");
+  EXPECT_STREQ(b.CustomText(), "volts");
+  EXPECT_TRUE(a == b);
+  EXPECT_TRUE(a.SameType(b));
+  b = UnitElt(Nano, Meter);
+  EXPECT_EQ(b.CustomText(), nullptr);
+  EXPECT_FALSE(b == UnitElt(Micro, Meter));
+  EXPECT_TRUE(b.SameType(UnitElt(Micro, Meter)));
+  EXPECT_DOUBLE_EQ(b.Scale(), 1e-9);
+  EXPECT_EQ(b.Change(Pico).Scale(), 1e-12);
+  EXPECT_EQ(UnitElt::EnumToIndex(Prefix(0)), -1);
+  for (int i = 0; i <= 10; ++i) EXPECT_EQ(UnitElt::EnumToIndex(UnitElt::IndexToEnum(i)), i);
+}
+
+TEST(UnitsRead, CompoundTextsSplitAtSeparators) {
+  struct Case {
+    const char* text;
+    const char* written;
+    int numerator;
+    int denominator;
+  };
+  const Case cases[] = {
+      {"nm/V", "nm/V", 1, 1},        {"1/s", "1/s", 0, 1},       {"1", "", 0, 0},
+      {"m*m", "m*m", 2, 0},          {"nm/V*s", "nm/V*s", 1, 2}, {"x/y/z", "x/y*z", 1, 2},
+      {"nN/m*s", "nN/m*s", 1, 2},    {"nm/  ", "nm", 1, 0},      {"**nm//V", "nm/V", 1, 1},
+      {"V/V", "V/V", 1, 1},          {"nm  ", "nm", 1, 0},       {"deg/s", "\xBA/s", 1, 1},
+  };
+  for (const Case& c : cases) {
+    const Units u(c.text);
+    EXPECT_EQ(text_of(u), c.written) << c.text;
+    EXPECT_EQ(u.Numerator().NumberOfUnits(), c.numerator) << c.text;
+    EXPECT_EQ(u.Denominator().NumberOfUnits(), c.denominator) << c.text;
+  }
+  // Blanks before a separator stay in the token.
+  const Units spaced("nm / V");
+  EXPECT_EQ(UnitType(*spaced.Numerator().FirstUnit()), CustomUnit);
+  EXPECT_STREQ(spaced.Numerator().FirstUnit()->CustomText(), "nm ");
+  EXPECT_EQ(UnitType(*spaced.Denominator().FirstUnit()), Volt);
+}
+
+TEST(UnitsRead, NullEmptyAndLongTokens) {
+  Units u("nm/V");
+  EXPECT_EQ(u.Read(""), nullptr);
+  EXPECT_TRUE(u.IsScalar()) << "cleared in any case";
+  u.Read("nm");
+  EXPECT_EQ(u.Read(nullptr), nullptr);
+  EXPECT_TRUE(u.IsScalar());
+  EXPECT_TRUE(Units("1").IsScalar());
+
+  // Cut to 10, the 11th skipped, the rest a further factor.
+  const char* text = "abcdefghijklm";
+  EXPECT_EQ(u.Read(text), text + 13);
+  EXPECT_EQ(text_of(u), "abcdefghij*lm");
+  // The remainder of a long token before "/" is already in the denominator.
+  u.Read("abcdefghijklm/V");
+  EXPECT_EQ(text_of(u), "abcdefghij/lm*V");
+  u.Read("abcdefghijk/V");
+  EXPECT_EQ(text_of(u), "abcdefghij/V");
+
+  const std::string huge = std::string(300, 'q') + "/" + std::string(57, 'z');
+  u.Read(huge.c_str());
+  // Only the first cut of the long token before "/" is in the numerator:
+  // 300 characters make 28 factors, 57 make 6.
+  EXPECT_EQ(u.Numerator().NumberOfUnits(), 1);
+  EXPECT_EQ(u.Denominator().NumberOfUnits(), 27 + 6);
+  EXPECT_LE(text_of(u).size() + 1, u.WriteSize());
+}
+
+TEST(UnitList, SingleSlotMovesBetweenShapes) {
+  UnitList l;
+  l.AddNewUnit(UnitElt(Nano, Meter));
+  EXPECT_EQ(l.Count(), 0) << "one factor needs no chain element";
+  EXPECT_EQ(l.NumberOfUnits(), 1);
+  auto* second = new UnitElt(Volt);
+  l.AddNewUnit(second);
+  EXPECT_EQ(l.Count(), 2);
+  EXPECT_EQ(shape(l), "1/7 2/4");
+  UnitElt* first = l.FirstUnit();
+  EXPECT_EQ(l.LastUnit(), second);
+  l.RemoveUnit(first);
+  EXPECT_EQ(l.Count(), 0) << "the survivor moves to the single slot";
+  EXPECT_EQ(shape(l), "2/4");
+  EXPECT_EQ(l.FirstUnit(), l.LastUnit());
+
+  UnitElt stranger(Volt);
+  l.RemoveUnit(&stranger);  // not a factor of the list: ignored
+  EXPECT_EQ(l.NumberOfUnits(), 1);
+  l.RemoveUnit(l.FirstUnit());
+  EXPECT_EQ(l.NumberOfUnits(), 0);
+  EXPECT_EQ(l.FirstUnit(), nullptr);
+
+  // A handed-in element becomes the single factor itself and is owned.
+  auto* owned = new UnitElt(Second);
+  l.AddNewUnit(owned);
+  EXPECT_EQ(l.FirstUnit(), owned);
+  UnitList copy(l);
+  EXPECT_EQ(shape(copy), "5/4");
+  EXPECT_NE(copy.FirstUnit(), owned);
+  l.AddNewUnits(l);  // appending itself doubles it
+  EXPECT_EQ(shape(l), "5/4 5/4");
+  l.Clear();
+  EXPECT_EQ(l.NumberOfUnits(), 0);
+}
+
+TEST(UnitList, BrokenInvariantAborts) {
+  struct Tamper : UnitList {
+    void AddToChain(UnitElt* e) { InsertEnd(e); }
+    void Check() const { Sanity(); }
+  };
+  Tamper l;
+  l.AddNewUnit(UnitElt(Volt));
+  l.AddToChain(new UnitElt(Meter));
+  EXPECT_EQ(abort_text([&] { l.Check(); }), "UnitList::Sanity(): check failed: Count() > 0");
+  EXPECT_EQ(abort_text([&] { l.NumberOfUnits(); }), "UnitList::Sanity(): check failed: Count() > 0");
+  Tamper single;
+  single.AddToChain(new UnitElt(Meter));
+  EXPECT_EQ(abort_text([&] { single.FirstUnit(); }), "UnitList::Sanity(): check failed: Not using local storage.");
+}
+
+TEST(UnitIter, WalksTheSingleSlotAndFollowsRemovals) {
+  UnitList l;
+  l.AddNewUnit(UnitElt(Volt));
+  UnitIter it(l);
+  EXPECT_TRUE(it.BOL());
+  EXPECT_EQ(it.Next(), l.FirstUnit());
+  EXPECT_EQ(it.Next(), nullptr);
+  EXPECT_TRUE(it.EOL());
+  EXPECT_EQ(it.Prev(), l.FirstUnit()) << "from the end, back to the single factor";
+  EXPECT_EQ(it.Prev(), nullptr);
+  EXPECT_TRUE(it.BOL());
+  EXPECT_EQ(it.Last(), l.FirstUnit());
+
+  // Adding a second factor takes the iterator along into the chain.
+  l.AddNewUnit(UnitElt(Meter));
+  ASSERT_NE(it.Current(), nullptr);
+  EXPECT_EQ(UnitType(*it.Current()), Volt);
+  EXPECT_EQ(UnitType(*it.Next()), Meter);
+  UnitIter onMeter(it);
+  it.First();
+  // Removing the first factor: it moves on to the survivor, which moves to the slot.
+  l.RemoveUnit(it.Current());
+  ASSERT_NE(it.Current(), nullptr);
+  EXPECT_EQ(it.Current(), l.FirstUnit());
+  EXPECT_EQ(onMeter.Current(), l.FirstUnit());
+  // Removing the single factor advances iterators on it to the end.
+  l.RemoveUnit(l.FirstUnit());
+  EXPECT_TRUE(it.EOL());
+  EXPECT_TRUE(onMeter.EOL());
+  l.AddNewUnit(UnitElt(Second));
+  EXPECT_EQ(it.Current(), nullptr) << "a new single factor is not stood on";
+
+  // An iterator at the end of a chain that collapses stays at the end.
+  UnitList two;
+  two.AddNewUnit(UnitElt(Volt));
+  two.AddNewUnit(UnitElt(Meter));
+  UnitIter end(two);
+  end.Last();
+  two.RemoveUnit(end.Current());
+  EXPECT_TRUE(end.EOL());
+  // Iterators survive the list.
+  auto* gone = new UnitList;
+  gone->AddNewUnit(UnitElt(Volt));
+  UnitIter orphan(*gone);
+  orphan.First();
+  delete gone;
+  EXPECT_EQ(orphan.Current(), nullptr);
+  EXPECT_EQ(orphan.Next(), nullptr);
+}
+
+TEST(UnitsScale, FactorsBetweenCompatibleUnitsAndZeroOtherwise) {
+  EXPECT_DOUBLE_EQ(Units("nm").Scale(Units("um")), 1000.0);
+  EXPECT_DOUBLE_EQ(Units("nm/V").Scale(Units("um/mV")), 1e6);
+  EXPECT_DOUBLE_EQ(Units("1/s").Scale(Units("1/ms")), 1000.0);
+  EXPECT_DOUBLE_EQ(Units("m*V").Scale(Units("mV*km")), 1.0);
+  EXPECT_DOUBLE_EQ(Units("nm*s").Scale(Units("ks*um")), 1e6);
+  EXPECT_EQ(Units("nm").Scale(Units("V")), 0.0);
+  EXPECT_EQ(Units("nm").Scale(Units("nm/s")), 0.0);
+  EXPECT_EQ(Units("m/m").Scale(Units("1")), 0.0) << "no simplification before comparing";
+  EXPECT_EQ(Units("m*m").Scale(Units("m*V")), 0.0);
+  EXPECT_EQ(Units("").Scale(Units("1")), 1.0);
+  EXPECT_EQ(Units("counts").Scale(Units("volts")), 1.0) << "custom factors are one type";
+  EXPECT_EQ(Units("V*V*m").Scale(Units("V*m*m")), 0.0) << "each factor is used once";
+
+  EXPECT_TRUE(Units("nm").SameType(Units("um")));
+  EXPECT_FALSE(Units("nm").SameType(Units("nV")));
+  EXPECT_TRUE(Units("nm") == Units("nm"));
+  EXPECT_TRUE(Units("nm") != Units("um"));
+  EXPECT_TRUE(Units("nm*V") == Units("V*nm"));
+  EXPECT_TRUE(Units("nm/V") != Units("nm/s"));
+}
+
+TEST(UnitsAlgebra, SimplifyMultiplyDivideInvert) {
+  Units u("mm/m");
+  EXPECT_DOUBLE_EQ(u.Simplify(), 0.001);
+  EXPECT_TRUE(u.IsScalar());
+
+  u.Read("nm*V/V");
+  EXPECT_EQ(u.Simplify(), 1.0);
+  EXPECT_EQ(text_of(u), "nm");
+
+  // Exact pairs cancel first, then same types with a factor.
+  u.Read("mV*um*V/V*nm");
+  EXPECT_DOUBLE_EQ(u.Simplify(), 1000.0);
+  EXPECT_EQ(text_of(u), "mV");
+
+  u.Read("km*s*Hz/m*ms");
+  EXPECT_DOUBLE_EQ(u.Simplify(), 1e6);
+  EXPECT_EQ(text_of(u), "Hz");
+
+  Units v("nm");
+  EXPECT_EQ(v *= Units("1/s"), 1.0);
+  EXPECT_EQ(text_of(v), "nm/s");
+  EXPECT_DOUBLE_EQ(v /= Units("um/ms"), 1e-6);
+  EXPECT_TRUE(v.IsScalar());
+  v.Read("V/s");
+  EXPECT_EQ(v *= v, 1.0);
+  EXPECT_EQ(text_of(v), "V*V/s*s");
+  EXPECT_EQ(v /= v, 1.0);
+  EXPECT_TRUE(v.IsScalar());
+
+  Units w("nm/V*s");
+  w.Invert();
+  EXPECT_EQ(text_of(w), "V*s/nm");
+  w.Read("Hz");
+  w.Invert();
+  EXPECT_EQ(text_of(w), "1/Hz");
+}
+
+TEST(UnitsAuto, PrefixChoiceAndBoundaries) {
+  Units u("nm/V");
+  u.SetAuto();
+  EXPECT_EQ(text_of(u), "?m/V");
+  EXPECT_DOUBLE_EQ(u.AutoScale(5e-6), 1e6);
+  EXPECT_EQ(text_of(u), "um/V");
+
+  Units m("?m");
+  EXPECT_EQ(m.AutoScale(0.0), 1.0);
+  EXPECT_EQ(text_of(m), "?m");
+  EXPECT_DOUBLE_EQ(m.AutoScale(9.9996e-7), 1e6);
+  EXPECT_EQ(text_of(m), "um");
+  m.Read("?m");
+  EXPECT_DOUBLE_EQ(m.AutoScale(9.999e-7), 1e9);
+  EXPECT_EQ(text_of(m), "nm");
+  m.Read("?m");
+  EXPECT_DOUBLE_EQ(m.AutoScale(0.5), 1000.0);
+  EXPECT_EQ(text_of(m), "mm");
+  m.Read("?m");
+  EXPECT_EQ(m.AutoScale(2.0), 1.0);
+  EXPECT_EQ(text_of(m), "m");
+  m.Read("?m");
+  EXPECT_DOUBLE_EQ(m.AutoScale(-3e4), 1e-3);
+  EXPECT_EQ(text_of(m), "km");
+  m.Read("?m");
+  EXPECT_EQ(m.AutoScale(2e15), 1.0) << "too large for any prefix";
+  EXPECT_EQ(text_of(m), "?m");
+  EXPECT_EQ(m.AutoScale(1e-19), 1.0);
+
+  // A denominator factor scales the other way.
+  Units d("nm/s");
+  d.Read("counts/s");
+  d.SetAuto();
+  EXPECT_EQ(text_of(d), "counts/?s");
+  EXPECT_DOUBLE_EQ(d.AutoScale(5e-3), 1e3);
+  EXPECT_EQ(text_of(d), "counts/ks");
+
+  Units none("counts/bins");
+  none.SetAuto();
+  EXPECT_EQ(text_of(none), "counts/bins");
+  Units once("m*m");
+  once.SetAuto();
+  EXPECT_EQ(text_of(once), "?m*m") << "at most one factor is marked";
+}
+
+TEST(UnitConstants, BuiltAtLoadFromTheirTexts) {
+  EXPECT_TRUE(Unit_Scalar.IsScalar());
+  EXPECT_EQ(text_of(Unit_nm__V), "nm/V");
+  EXPECT_EQ(text_of(Unit_deg), "\xBA");
+  EXPECT_EQ(UnitType(*Unit_deg.Numerator().FirstUnit()), Degree);
+  EXPECT_EQ(UnitType(*Unit_Pascal.Numerator().FirstUnit()), Pascal);
+  EXPECT_EQ(Prefix(*Unit_pA.Numerator().FirstUnit()), Pico);
+  EXPECT_EQ(Prefix(*Unit_MOhm.Numerator().FirstUnit()), Mega);
+  EXPECT_EQ(UnitType(*Unit_eV.Numerator().FirstUnit()), ElectronVolt);
+  EXPECT_EQ(UnitType(*Unit_LogPa.Numerator().FirstUnit()), LogPascal);
+  EXPECT_DOUBLE_EQ(Unit_GPascal.Scale(Unit_MPascal), 1e-3);
+  EXPECT_DOUBLE_EQ(Unit_nA__V.Scale(Unit_pA__V), 1e-3);
+  EXPECT_EQ(text_of(Unit_nN__Arb), "nN/Arb");
+}
+
+TEST(UnitsHeap, FactorsAndTextsStayInTheListsHeap) {
+  heapman_mgr::initialize();
+  heap h("unitsheap");
+  auto* u = new (&h, "tests/units", __LINE__) Units("nm*counts/V*s");
+  UnitIter it(u->Numerator());
+  for (UnitElt* e = it.First(); e != nullptr; e = it.Next()) EXPECT_EQ(heapman_mgr::find(e), &h);
+  const UnitElt* custom = u->Numerator().LastUnit();
+  ASSERT_NE(custom->CustomText(), nullptr);
+  EXPECT_EQ(heapman_mgr::find(custom->CustomText()), &h);
+  Units* single = new (&h, "tests/units", __LINE__) Units("counts");
+  EXPECT_EQ(heapman_mgr::find(single->Numerator().FirstUnit()->CustomText()), &h);
+  u->~Units();
+  KvOperatorDelete(u);
+  single->~Units();
+  KvOperatorDelete(single);
+}
