@@ -7,6 +7,7 @@
 #include "KvExport.h"
 #include "LIST.h"
 #include "ProcessManager.h"
+#include "TackHand.h"
 #include "TerminationManager.h"
 #include "filetime.h"
 #include "heap.h"
