@@ -4,6 +4,7 @@
 #include "ConsoleWindow.h"
 #include "DebugManager.h"
 #include "FILENAME.h"
+#include "INSTRFIL.h"
 #include "KvExport.h"
 #include "LIST.h"
 #include "ProcessManager.h"
