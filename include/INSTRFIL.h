@@ -88,8 +88,10 @@ class KVCORE_API InstrRecord {
  public:
   InstrRecord();
   InstrRecord(const char* tag, const char* value, int line = -1);
-  // Member-wise: tag and value go on pointing into the source's storage.
-  // Independent copies are made with DupTree.
+  // Member-wise: tag and value go on pointing into the source's storage
+  // (which must outlive their use). The copy never frees that storage; it
+  // takes storage of its own when one of its texts is set. Independent copies
+  // are made with DupTree.
   InstrRecord& operator=(const InstrRecord&) = default;
   virtual ~InstrRecord();
 
@@ -137,12 +139,14 @@ class KVCORE_API InstrRecord {
 
  private:
   void SetText(char*& field, char* inline_buffer, const char* s, size_t n);
+  void Adopt();
 
   char* tag;
   char* value;
   char tagBuffer[257];
   char valueBuffer[257];
   int line;
+  const InstrRecord* owner;  // the record whose storage tag and value use
 
   friend class InstrHandle;
 };
@@ -344,7 +348,7 @@ class KVCORE_API InstrHandle : public InstrSectionIter {
   void ReleaseRoot();
   void DropText();
   InstrRecordElt* NewRecord(const char* name);
-  bool ParseBody();
+  void ParseBody();
 
   pathname path;
   char* text;  // the memory text
@@ -355,6 +359,7 @@ class KVCORE_API InstrHandle : public InstrSectionIter {
   int lineNumber;
   bool ownsText;   // text is the handle's own (written) block
   char* scan;      // scan position during Read
+  char* scanEnd;   // end of the text being read
   heap* home;      // the heap that holds the handle
 };
 
