@@ -976,12 +976,13 @@ bool InstrHandle::Read(IHReadFlags flags) {
 
 void InstrHandle::ParseBody() {
   if (headerName != nullptr) {
-    // A text with no line at all is an empty document.
-    if (PeekNextChar() == '\0') {
+    const char* first = GetNextLine();
+    // A text without any line (nothing but blanks and comments) is an empty
+    // document: GetNextLine gives an empty line only at the end of the text.
+    if (first[0] == '\0' && EndOfFile()) {
       UseList(root);
       return;
     }
-    const char* first = GetNextLine();
     if (std::strncmp(first, headerName, std::strlen(headerName)) != 0) {
       errorText = "Bad header";
       failed = true;

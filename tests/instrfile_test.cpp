@@ -259,9 +259,15 @@ TEST(InstrRead, FilesMissingEmptyAndShared) {
   EXPECT_TRUE(hdr.Read(IHReadMustExist));
   EXPECT_TRUE(hdr.IsSectionEmpty());
 
-  MemDoc empty("");
-  EXPECT_TRUE(empty.h.Read());
-  EXPECT_TRUE(empty.h.IsSectionEmpty());
+  for (const char* nothing : {"", " \r\n\t\n", "# only\n#comments"}) {
+    MemDoc empty(nothing);
+    EXPECT_TRUE(empty.h.Read()) << nothing;
+    EXPECT_TRUE(empty.h.IsSectionEmpty());
+  }
+  MemDoc blankFirst("\n\nx\n");
+  EXPECT_FALSE(blankFirst.h.Read());
+  EXPECT_STREQ(blankFirst.h.ErrStr(), "Bad header");
+  EXPECT_EQ(blankFirst.h.CurLine(), 3);
 }
 
 TEST(InstrRead, HostileInputsGiveAClearResult) {
