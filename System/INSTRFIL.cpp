@@ -190,8 +190,8 @@ InstrRecord::InstrRecord(const InstrRecord& other)
 
 InstrRecord::~InstrRecord() {
   if (owner != this) return;  // assigned: the texts are another record's
-  DumpTagAlloc();
-  DumpValAlloc();
+  if (tag != tagBuffer) KvOperatorDelete(tag);
+  if (value != valueBuffer) KvOperatorDelete(value);
 }
 
 // After a member-wise assignment the texts still live in the source record:
@@ -347,18 +347,29 @@ DLlistElt* InstrRecordElt::DupElt(heap* h) const {
   return new (h, kSource, __LINE__) InstrRecordElt(Tag(), Str(), Line());
 }
 
+// Sections are destroyed by ordinary recursion down to a bounded depth; below
+// it, a section first lifts the items of every nested section up into its
+// own list, so that the lists it deletes hold no further levels.
+namespace {
+thread_local int t_destroyDepth = 0;
+constexpr int kRecursiveDepth = 32;
+}  // namespace
+
 InstrSection::~InstrSection() {
-  // Lift the items of every nested section up into this one, so that the
-  // list's destructor deletes a flat sequence and never recurses downwards.
-  TreeWalker walk(this);
-  for (DLlistElt* e = walk.Next(); e != nullptr; e = walk.Next()) {
-    if (e->IsList() == 0) continue;
-    TreeWalker inner(static_cast<DLlist*>(e));
-    while (DLlistElt* x = inner.First()) {
-      inner.Extract();
-      DLlist::InsertAfter(e, x);
+  if (t_destroyDepth >= kRecursiveDepth) {
+    TreeWalker walk(this);
+    for (DLlistElt* e = walk.Next(); e != nullptr; e = walk.Next()) {
+      if (e->IsList() == 0) continue;
+      TreeWalker inner(static_cast<DLlist*>(e));
+      while (DLlistElt* x = inner.First()) {
+        inner.Extract();
+        DLlist::InsertAfter(e, x);
+      }
     }
   }
+  ++t_destroyDepth;
+  Clear();
+  --t_destroyDepth;
 }
 
 bool InstrSection::IsRoot() const { return DLlistElt::Parent() == nullptr; }
@@ -969,7 +980,7 @@ bool InstrHandle::Read(IHReadFlags flags) {
     InstrHandle& h;
     char* block = nullptr;
     ~WorkCopy() {
-      std::free(block);
+      KvOperatorDelete(block);
       h.scan = h.scanEnd = nullptr;
     }
   } copy{*this};
@@ -977,8 +988,8 @@ bool InstrHandle::Read(IHReadFlags flags) {
   char*& work = copy.block;
   if (text != nullptr) {
     size = heapman_mgr::get_size(text);
-    work = static_cast<char*>(std::malloc(size + 1));
-    if (work == nullptr) throw std::bad_alloc();
+    heap* where = home;
+    work = static_cast<char*>(place(size + 1, where, __LINE__));
     std::memcpy(work, text, size);
   } else {
     if ((flags & IHReadShared) != 0 && path.is_valid()) {
@@ -999,8 +1010,8 @@ bool InstrHandle::Read(IHReadFlags flags) {
       return false;
     }
     size = heapman_mgr::get_size(data);
-    work = static_cast<char*>(std::malloc(size + 1));
-    if (work == nullptr) throw std::bad_alloc();
+    heap* where = home;
+    work = static_cast<char*>(place(size + 1, where, __LINE__));
     std::memcpy(work, data, size);
   }
   work[size] = '\0';
@@ -1072,8 +1083,14 @@ void InstrHandle::ParseBody() {
       continue;
     }
     if (PeekNextChar() != '{') {
-      InstrRecordElt* r = value != nullptr ? make<InstrRecordElt>(home, __LINE__, tag, value, lineNumber)
-                                           : make<InstrRecordElt>(home, __LINE__, "", tag, lineNumber);
+      InstrRecordElt* r = make<InstrRecordElt>(home, __LINE__);
+      if (value != nullptr) {
+        r->SetText(r->tag, r->tagBuffer, tag, tagLength);
+        r->SetText(r->value, r->valueBuffer, value, valueLength);
+      } else {
+        r->SetText(r->value, r->valueBuffer, tag, tagLength);
+      }
+      r->line = lineNumber;
       DLlistIter::InsertAfter(r);
       continue;
     }
