@@ -14,6 +14,9 @@ if(KVCORE_SANITIZE)
   string(REPLACE ";" "," _kv_san "${KVCORE_SANITIZE}")
   add_compile_options(-fsanitize=${_kv_san} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${_kv_san})
+  # Programs carry their own AddressSanitizer defaults (__asan_default_options);
+  # the shared runtime sees them only when the program exports the function.
+  add_link_options(LINKER:--export-dynamic-symbol=__asan_default_options)
   message(STATUS "SystemKvCore: building with -fsanitize=${_kv_san}")
 endif()
 
