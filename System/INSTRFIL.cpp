@@ -21,7 +21,6 @@ const char* const kDefaultHeader = "Korvalis Data File";
 constexpr size_t kInlineText = 256;  // longest text kept in the object
 constexpr size_t kFirstBuffer = 4096;
 
-_FindHeap* near_of(const void* p) { return reinterpret_cast<_FindHeap*>(const_cast<void*>(p)); }
 
 // White space as the C library's isspace in the "C" locale.
 inline bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
@@ -82,26 +81,59 @@ class HandleElt : public DLlistElt {
 
 HandleList* g_registry = nullptr;
 
+// A block of n bytes in heap where (the runtime library for null). When that
+// heap cannot give it, the runtime library serves this and every later
+// request made through the same where.
+void* place(size_t n, heap*& where, int line) {
+  if (where != nullptr) {
+    try {
+      return ::operator new(n, where, kSource, line);
+    } catch (const CSL::Heap::HeapError&) {
+      where = nullptr;
+    }
+  }
+  return ::operator new(n, static_cast<heap*>(nullptr), kSource, line);
+}
+
+template <class T, class... Args>
+T* make(heap*& where, int line, Args... args) {
+  void* p = place(sizeof(T), where, line);
+  try {
+    return new (p) T(args...);
+  } catch (...) {
+    KvOperatorDelete(p);
+    throw;
+  }
+}
+
+// Where a handle's tree and texts go: the heap that holds the handle, or
+// mainheap for a handle outside the heaps (on the stack, or static). Before
+// the heaps exist, the runtime library.
+heap* home_heap(const void* handle) {
+  heap* h = heapman_mgr::find(handle);
+  return h != nullptr ? h : mainheap;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
 // InstrBuffer
 
 InstrBuffer::InstrBuffer(heap* h) : text(nullptr), length(0), capacity(0), where(h) {
-  text = static_cast<char*>(::operator new[](kFirstBuffer, where, kSource, __LINE__));
+  text = static_cast<char*>(place(kFirstBuffer, where, __LINE__));
   capacity = kFirstBuffer;
   text[0] = '\0';
 }
 
-InstrBuffer::~InstrBuffer() { KvOperatorDeleteArray(text); }
+InstrBuffer::~InstrBuffer() { KvOperatorDelete(text); }
 
 void InstrBuffer::Grow(size_t needed) {
   size_t grown = capacity != 0 ? capacity : kFirstBuffer;
   while (grown < needed) grown *= 2;
-  char* block = static_cast<char*>(::operator new[](grown, where, kSource, __LINE__));
+  char* block = static_cast<char*>(place(grown, where, __LINE__));
   if (text != nullptr) std::memcpy(block, text, length + 1);
   else block[0] = '\0';
-  KvOperatorDeleteArray(text);
+  KvOperatorDelete(text);
   text = block;
   capacity = grown;
 }
@@ -176,14 +208,14 @@ void InstrRecord::Adopt() {
 
 void InstrRecord::DumpTagAlloc() {
   if (owner != this) Adopt();
-  if (tag != tagBuffer) KvOperatorDeleteArray(tag);
+  if (tag != tagBuffer) KvOperatorDelete(tag);
   tag = tagBuffer;
   tagBuffer[0] = '\0';
 }
 
 void InstrRecord::DumpValAlloc() {
   if (owner != this) Adopt();
-  if (value != valueBuffer) KvOperatorDeleteArray(value);
+  if (value != valueBuffer) KvOperatorDelete(value);
   value = valueBuffer;
   valueBuffer[0] = '\0';
 }
@@ -193,7 +225,7 @@ void InstrRecord::SetText(char*& field, char* inlineBuffer, const char* s, size_
   if (n <= kInlineText) {
     std::memmove(inlineBuffer, s, n);
     inlineBuffer[n] = '\0';
-    if (field != inlineBuffer) KvOperatorDeleteArray(field);
+    if (field != inlineBuffer) KvOperatorDelete(field);
     field = inlineBuffer;
     return;
   }
@@ -202,10 +234,11 @@ void InstrRecord::SetText(char*& field, char* inlineBuffer, const char* s, size_
     field[n] = '\0';
     return;
   }
-  char* block = static_cast<char*>(::operator new[](n + 1, near_of(this), kSource, __LINE__));
+  heap* where = heapman_mgr::find(this);
+  char* block = static_cast<char*>(place(n + 1, where, __LINE__));
   std::memcpy(block, s, n);
   block[n] = '\0';
-  if (field != inlineBuffer) KvOperatorDeleteArray(field);
+  if (field != inlineBuffer) KvOperatorDelete(field);
   field = block;
 }
 
@@ -534,12 +567,12 @@ InstrHandle::InstrHandle(InstrSection* s)
       ownsText(false),
       scan(nullptr),
       scanEnd(nullptr),
-      home(heapman_mgr::find(this)) {
+      home(home_heap(this)) {
   if (s != nullptr) {
     root = s->Root();
     UseList(s);
   } else {
-    root = new (home, kSource, __LINE__) InstrSection("", "", 0);
+    root = make<InstrSection>(home, __LINE__, "", "", 0);
     UseList(root);
   }
   if (HandleList* r = HandleList::Registry()) r->AddHandle(this);
@@ -557,7 +590,7 @@ InstrHandle::InstrHandle(InstrHandle& h)
       ownsText(false),
       scan(nullptr),
       scanEnd(nullptr),
-      home(heapman_mgr::find(this)) {
+      home(home_heap(this)) {
   if (HandleList* r = HandleList::Registry()) r->AddHandle(this);
 }
 
@@ -570,8 +603,8 @@ void InstrHandle::Init(bool startFailed) {
   ownsText = false;
   scan = nullptr;
   scanEnd = nullptr;
-  home = heapman_mgr::find(this);
-  root = new (home, kSource, __LINE__) InstrSection("", "", 0);
+  home = home_heap(this);
+  root = make<InstrSection>(home, __LINE__, "", "", 0);
   UseList(root);
   if (HandleList* r = HandleList::Registry()) r->AddHandle(this);
 }
@@ -593,7 +626,7 @@ void InstrHandle::ReleaseRoot() {
 }
 
 void InstrHandle::DropText() {
-  if (ownsText) KvOperatorDeleteArray(text);
+  if (ownsText) KvOperatorDelete(text);
   text = nullptr;
   ownsText = false;
 }
@@ -624,7 +657,7 @@ void InstrHandle::Buf(char* t) {
 }
 
 InstrRecordElt* InstrHandle::NewRecord(const char* name) {
-  return new (home, kSource, __LINE__) InstrRecordElt(name, "", -1);
+  return make<InstrRecordElt>(home, __LINE__, name, "", -1);
 }
 
 // ---------------------------------------------------------------------------
@@ -790,7 +823,7 @@ bool InstrHandle::AddDouble(const char* name, double v) {
 
 bool InstrHandle::AddSection(const char* name, const char* v) {
   if (CurrentSection() == nullptr) return false;
-  InsertAfter(new (home, kSource, __LINE__) InstrSection(name, v, -1));
+  InsertAfter(make<InstrSection>(home, __LINE__, name, v, -1));
   return true;
 }
 
@@ -926,14 +959,22 @@ char InstrHandle::PeekNextChar() {
 bool InstrHandle::EndOfFile() { return scan == nullptr || *scan == '\0'; }
 
 bool InstrHandle::Read(IHReadFlags flags) {
-  UseRoot(new (home, kSource, __LINE__) InstrSection("", "", 0));
+  UseRoot(make<InstrSection>(home, __LINE__, "", "", 0));
   lineNumber = 0;
   errorText = nullptr;
   failed = false;
 
   // A private, NUL-terminated working copy of the text: parsing edits it.
+  struct WorkCopy {
+    InstrHandle& h;
+    char* block = nullptr;
+    ~WorkCopy() {
+      std::free(block);
+      h.scan = h.scanEnd = nullptr;
+    }
+  } copy{*this};
   size_t size = 0;
-  char* work = nullptr;
+  char*& work = copy.block;
   if (text != nullptr) {
     size = heapman_mgr::get_size(text);
     work = static_cast<char*>(std::malloc(size + 1));
@@ -968,20 +1009,18 @@ bool InstrHandle::Read(IHReadFlags flags) {
   scanEnd = work + std::strlen(work);
 
   ParseBody();
-
-  std::free(work);
-  scan = scanEnd = nullptr;
   return !failed;
 }
 
 void InstrHandle::ParseBody() {
   if (headerName != nullptr) {
-    // A text with no line at all is an empty document.
-    if (PeekNextChar() == '\0') {
+    const char* first = GetNextLine();
+    // A text without any line (nothing but blanks and comments) is an empty
+    // document: GetNextLine gives an empty line only at the end of the text.
+    if (first[0] == '\0' && EndOfFile()) {
       UseList(root);
       return;
     }
-    const char* first = GetNextLine();
     if (std::strncmp(first, headerName, std::strlen(headerName)) != 0) {
       errorText = "Bad header";
       failed = true;
@@ -1033,8 +1072,8 @@ void InstrHandle::ParseBody() {
       continue;
     }
     if (PeekNextChar() != '{') {
-      InstrRecordElt* r = value != nullptr ? new (home, kSource, __LINE__) InstrRecordElt(tag, value, lineNumber)
-                                           : new (home, kSource, __LINE__) InstrRecordElt("", tag, lineNumber);
+      InstrRecordElt* r = value != nullptr ? make<InstrRecordElt>(home, __LINE__, tag, value, lineNumber)
+                                           : make<InstrRecordElt>(home, __LINE__, "", tag, lineNumber);
       DLlistIter::InsertAfter(r);
       continue;
     }
@@ -1043,7 +1082,7 @@ void InstrHandle::ParseBody() {
     } else if (tagLength > kInlineText) {
       errorText = "Tag too long";
     } else {
-      DLlistIter::InsertAfter(new (home, kSource, __LINE__) InstrSection(tag, value, lineNumber));
+      DLlistIter::InsertAfter(make<InstrSection>(home, __LINE__, tag, value, lineNumber));
       Descend();
       ++depth;
       GetNextLine();

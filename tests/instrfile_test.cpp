@@ -5,6 +5,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "INSTRFIL.h"
 #include "heap.h"
@@ -259,9 +260,15 @@ TEST(InstrRead, FilesMissingEmptyAndShared) {
   EXPECT_TRUE(hdr.Read(IHReadMustExist));
   EXPECT_TRUE(hdr.IsSectionEmpty());
 
-  MemDoc empty("");
-  EXPECT_TRUE(empty.h.Read());
-  EXPECT_TRUE(empty.h.IsSectionEmpty());
+  for (const char* nothing : {"", " \r\n\t\n", "# only\n#comments"}) {
+    MemDoc empty(nothing);
+    EXPECT_TRUE(empty.h.Read()) << nothing;
+    EXPECT_TRUE(empty.h.IsSectionEmpty());
+  }
+  MemDoc blankFirst("\n\nx\n");
+  EXPECT_FALSE(blankFirst.h.Read());
+  EXPECT_STREQ(blankFirst.h.ErrStr(), "Bad header");
+  EXPECT_EQ(blankFirst.h.CurLine(), 3);
 }
 
 TEST(InstrRead, HostileInputsGiveAClearResult) {
@@ -873,6 +880,44 @@ TEST(InstrHandles, TreesLiveInTheHeapHoldingTheHandle) {
   h->~InstrHandle();
   KvOperatorDelete(h);
   KvOperatorDelete(text);
+}
+
+TEST(InstrHandles, AFullHeapHandsOverToTheRuntimeLibrary) {
+  heap small("instrfull");
+  // Fill the heap until it refuses.
+  std::vector<void*> blocks;
+  try {
+    for (;;) blocks.push_back(::operator new(1 << 22, &small, "tests/instr", __LINE__));
+  } catch (const CSL::Heap::HeapError&) {
+  }
+  ASSERT_FALSE(blocks.empty());
+  // A handle in the full heap: its tree still reads and writes.
+  void* place = nullptr;
+  while (place == nullptr && !blocks.empty()) {
+    KvOperatorDelete(blocks.back());
+    blocks.pop_back();
+    try {
+      place = ::operator new(sizeof(InstrHandle), &small, "tests/instr", __LINE__);
+    } catch (const CSL::Heap::HeapError&) {
+    }
+  }
+  ASSERT_NE(place, nullptr);
+  // Take what is left, so that nothing more fits.
+  try {
+    for (;;) blocks.push_back(::operator new(64, &small, "tests/instr", __LINE__));
+  } catch (const CSL::Heap::HeapError&) {
+  }
+  auto* full = new (place) InstrHandle(static_cast<void*>(nullptr));
+  char* text = block_of("Korvalis Data File\nS\n{\n" + std::string(300, 't') + " = 1\n}\n");
+  full->Buf(text);
+  EXPECT_TRUE(full->Read());
+  EXPECT_TRUE(full->FirstSection("S"));
+  EXPECT_EQ(heapman_mgr::find(full->CurrentRecord()), nullptr);
+  EXPECT_EQ(written(*full), "Korvalis Data File\r\n\r\nS\r\n{\r\n\t" + std::string(300, 't') + " = 1\r\n}\r\n");
+  full->~InstrHandle();
+  KvOperatorDelete(full);
+  KvOperatorDelete(text);
+  for (void* b : blocks) KvOperatorDelete(b);
 }
 
 // ---------------------------------------------------------------------------
