@@ -7,6 +7,7 @@
 #include "INSTRFIL.h"
 #include "KvExport.h"
 #include "LIST.h"
+#include "PanelState.h"
 #include "ProcessManager.h"
 #include "TackHand.h"
 #include "TerminationManager.h"
