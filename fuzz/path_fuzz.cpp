@@ -1,11 +1,13 @@
-// Fuzzes the parsing of file names, directories and paths. The input is one
-// or two texts separated by a NUL: the first is parsed on fresh objects, the
-// second is then applied to them (relative resolution, wildcard fill). Any
-// broken invariant traps.
+// Fuzzes the parsing of file names, directories, paths and path lists. The
+// input is one or two texts separated by a NUL: the first is parsed on fresh
+// objects, the second is then applied to them (relative resolution, wildcard
+// fill) and, split at ";", gives names for a path list built on the first.
+// Any broken invariant traps.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "FILENAME.h"
 
@@ -55,7 +57,116 @@ void check_path(const pathname& p) {
   check(composed == *p);
 }
 
+std::vector<std::string> split(const std::string& text, char separator) {
+  std::vector<std::string> parts;
+  size_t from = 0;
+  for (;;) {
+    const size_t at = text.find(separator, from);
+    parts.push_back(text.substr(from, at == std::string::npos ? std::string::npos : at - from));
+    if (at == std::string::npos) return parts;
+    from = at + 1;
+  }
+}
+
+// Walks m both ways: forward one path per name (the directory once when there
+// are none), each in m's directory and matched by m; backward the same paths
+// in reverse.
+void check_walk(MultiPath& m) {
+  const int count = m.Count();
+  std::vector<std::string> forward;
+  MultiPathIter it(m);
+  check(it.BOL() && !it);
+  while (++it) {
+    check_path(*it);
+    check(it->dir() == m.dir());
+    check(m.match(*it));
+    forward.push_back(**it);
+    check(static_cast<int>(forward.size()) <= (count > 0 ? count : 1));
+  }
+  check(!it);
+  if (count == 0) {
+    check(forward.size() == (m.dir().is_valid() ? 1u : 0u));
+    return;
+  }
+  std::vector<std::string> backward;
+  it.Bottom();
+  while (--it) backward.push_back(**it);
+  // A path that cannot be composed (a name too long for the directory, or no
+  // directory) ends a walk early, in either direction.
+  check(backward.size() <= static_cast<size_t>(count));
+  if (static_cast<int>(forward.size()) == count) {
+    check(backward.size() == forward.size() && it.BOL());
+    for (int i = 0; i < count; ++i) check(forward[i] == backward[count - 1 - i]);
+  }
+}
+
+void check_list(MultiPath& m) {
+  const int count = m.Count();
+  check(m.is_valid() == (m.dir().is_valid() && count > 0));
+  check(m.is_root() == (m.dir().is_root() && count == 0));
+  if (count == 0) check(!m.is_wild());
+  if (count >= 2) check(m.is_wild());
+  check(m.is_single() == !m.is_wild());
+  for (int i = 0; i < count; ++i) {
+    const filename name = m.FileList().Get(i);
+    const int first = m.Index(name);
+    check(first >= 0 && first <= i);
+    check(m.FileList().Get(first) == name);
+    const pathname p = m.Get(i);
+    if (name.is_valid()) {
+      check(p == pathname(m.dir(), name));
+      if (p.is_valid()) check(m.Index(p) == first && m.Find(p) == p);
+    } else {
+      check(!p.is_valid() && !p.dir().is_valid());
+    }
+  }
+  check(!m.Get(count).is_valid());
+  check_walk(m);
+}
+
+void check_multipath(const std::string& text, const std::string& names) {
+  MultiPath m(text.c_str());
+  const pathname p(text.c_str());
+  check(m.dir() == p.dir());
+  check(m.Count() == (p.file().is_valid() ? 1 : 0));
+  if (m.Count() == 1) check(m.FileList().Get(0) == p.file() && m.SinglePath() == p);
+  check_list(m);
+
+  // Names from the second text (at most 64, to keep runs fast), each added
+  // and later removed once.
+  std::vector<std::string> parts = split(names, ';');
+  if (parts.size() > 64) parts.resize(64);
+  for (const std::string& part : parts) {
+    const filename name(part.c_str());
+    m.Add(name);
+    check(m.SinglePath().file() == name);
+    check(m.FileList().Last()->name == name);
+  }
+  check(m.Count() == static_cast<int>(parts.size()) + (p.file().is_valid() ? 1 : 0));
+  check_list(m);
+
+  MultiPath copy(m);
+  check(copy.Count() == m.Count() && copy.dir() == m.dir() && copy.SinglePath() == m.SinglePath());
+  copy.Clear();
+  check(copy.Count() == 0 && !copy.is_valid());
+  for (const std::string& part : parts) {
+    const filename name(part.c_str());
+    const int before = m.Count();
+    m.Remove(name);
+    check(m.Count() == before - 1);
+  }
+  check(m.Count() == (p.file().is_valid() ? 1 : 0));
+  if (m.Count() == 0) check(m.SinglePath() == pathname(m.dir()));
+  check_list(m);
+  check_walk(copy);
+}
+
 }  // namespace
+
+// The library's operator new and delete are calloc and free.
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
+  return "alloc_dealloc_mismatch=0";
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string input(reinterpret_cast<const char*>(data), size);
@@ -102,5 +213,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const pathname composed(d, g);
   check_path(composed);
   check(!dirname(p).is_valid() || std::strlen(*dirname(p)) <= 256);
+
+  check_multipath(first, second);
   return 0;
 }

@@ -8,6 +8,10 @@
 // empty); nothing is thrown. All text lives in fixed buffers inside the
 // object: 256 characters for a name or directory, 260 for a full path.
 //
+// Path lists: MultiPath, one directory with an ordered list of names (each
+// may hold wildcards), built on the intrusive list (FileNameList of
+// FileNameElt); MultiPathIter yields one full pathname per listed name.
+//
 // Also here: CWD, the working directory of each drive, the current drive and
 // the capture directory ("!:"); the free functions over the process's working
 // directory and drives; and the drive table, which maps DOS drives onto host
@@ -19,11 +23,13 @@
 #include <vector>
 
 #include "KvExport.h"
+#include "LIST.h"
 #include "filetime.h"
 
 class dirname;
 class pathname;
 class wild_match;
+class MultiPath;
 
 // One path component, checked character by character.
 class KVCORE_API filename {
@@ -236,6 +242,197 @@ class KVCORE_API FileName {
 // "????????.???", shown or stored where no valid file name exists.
 KVCORE_API const char* InvalidFileName();
 
+// One name of a FileNameList.
+class KVCORE_API FileNameElt : public DLlistElt {
+ public:
+  FileNameElt() = default;
+  explicit FileNameElt(const filename& f) : name(f) {}
+  ~FileNameElt() override;
+
+  // A free copy of this element in heap h.
+  DLlistElt* DupElt(heap* h) const override;
+
+  filename name;
+};
+
+// An ordered list of file names that owns its elements. Copies (copy
+// construction, assignment) copy every name into the heap that holds the
+// destination list. Names compare exactly, case-sensitive; two invalid names
+// are equal.
+class KVCORE_API FileNameList : public DLlist {
+ public:
+  FileNameList() : DLlist(true) {}
+  FileNameList(const FileNameList& other) : DLlist(other, true) {}
+  FileNameList& operator=(const FileNameList& other);
+  ~FileNameList() override;
+
+  // Appends a copy of name (duplicates and invalid names included), allocated
+  // in the heap that holds this list, or in mainheap.
+  void Add(const filename& name);
+  // The first element holding a name equal to name, or null.
+  FileNameElt* Find(const filename& name) const;
+  // Removes and destroys the first element equal to name; false when none is.
+  bool Remove(const filename& name);
+  bool Remove(const char* name) { return Remove(filename(name)); }
+  using DLlist::Remove;
+  // The position of the first equal name; -1 when there is none.
+  int Index(const filename& name) const;
+  using DLlist::Index;
+  // A copy of the name at position n; an invalid name when there is none.
+  filename Get(int n) const;
+  FileNameElt* First() const { return static_cast<FileNameElt*>(DLlist::First()); }
+  FileNameElt* Last() const { return static_cast<FileNameElt*>(DLlist::Last()); }
+
+  // A new, empty FileNameList in heap h (so nested name lists copy as such).
+  DLlistElt* DupElt(heap* h) const override;
+};
+
+// Walks a FileNameList.
+class KVCORE_API FileNameIter : public DLlistIter {
+ public:
+  FileNameIter() : DLlistIter(nullptr) {}
+  explicit FileNameIter(FileNameList& l) : DLlistIter(&l) {}
+  explicit FileNameIter(const FileNameList& l) : DLlistIter(&l) {}
+  // Walks other's list, from other's position.
+  FileNameIter(const FileNameIter& other) : DLlistIter(const_cast<FileNameIter&>(other)) {}
+  FileNameIter& operator=(const FileNameIter& other) {
+    DLlistIter::operator=(const_cast<FileNameIter&>(other));
+    return *this;
+  }
+  ~FileNameIter() override;
+
+  // Walks l from its beginning.
+  void UseList(FileNameList& l) { DLlistIter::UseList(&l); }
+  FileNameList* List() const { return static_cast<FileNameList*>(DLlistIter::List()); }
+  FileNameElt* Current() const { return static_cast<FileNameElt*>(DLlistIter::Current()); }
+  // The current name; an empty, invalid name when the iterator stands on none.
+  filename& operator*() const;
+  filename* operator->() const { return &**this; }
+  FileNameIter& operator++() {
+    Next();
+    return *this;
+  }
+  FileNameIter& operator--() {
+    Prev();
+    return *this;
+  }
+
+  // Steps forward (from the beginning when fromTop) to the next element whose
+  // name equals name, and returns it; null, at the end, when none follows.
+  FileNameElt* Find(const filename& name, bool fromTop);
+};
+
+// One directory and an ordered list of names in it, each of which may hold
+// wildcards ("c:\data\*.txt", or several explicit names). single is the
+// directory joined with the most recently added name, or the directory alone
+// once the list has been emptied.
+class KVCORE_API MultiPath {
+ public:
+  // An invalid directory and no names.
+  MultiPath() = default;
+  // A path: its directory, and its file part as the first name. A path
+  // without a valid file part ("c:\") and an invalid f give no name.
+  MultiPath(const char* text);  // NOLINT
+  MultiPath(const pathname& p);  // NOLINT
+  MultiPath(const dirname& d);  // NOLINT
+  MultiPath(const dirname& d, const filename& f);
+  MultiPath(const MultiPath& other) = default;
+  MultiPath& operator=(const MultiPath& other);
+  ~MultiPath();
+
+  // Appends name (no checks) and makes it the file part of the single path.
+  void Add(const filename& name);
+  // Removes the first equal name; with the last one gone, the single path
+  // names the directory alone.
+  void Remove(const filename& name);
+  void Clear();
+
+  void dir(const dirname& d);
+  const dirname& dir() const { return m_dir; }
+  void operator<<(const dirname& d) { dir(d); }
+  FileNameList& FileList() { return files; }
+  const FileNameList& FileList() const { return files; }
+  int Count() const { return files.Count(); }
+
+  // Position of a name; of a path's name when the path is in this directory
+  // (exactly), otherwise -1.
+  int Index(const filename& name) const;
+  int Index(const pathname& p) const;
+  // The path of a listed name (for a full path: also in this directory);
+  // an invalid path when it is not listed.
+  pathname Find(const filename& name) const;
+  pathname Find(const pathname& p) const;
+  // The path of the n-th name; an empty, invalid path when there is none.
+  pathname Get(int n) const;
+
+  // A valid directory and at least one name.
+  bool is_valid() const { return m_dir.is_valid() && files.Count() > 0; }
+  operator int() const { return is_valid() ? 1 : 0; }
+  explicit operator bool() const { return is_valid(); }
+  bool operator!() const { return !is_valid(); }
+  // More than one name, or one name holding "*" or "?".
+  bool is_wild() const;
+  bool is_single() const { return !is_wild(); }
+  // A drive root with no names.
+  bool is_root() const;
+  int drive() const { return m_dir.drive(); }
+  bool is_dos() const { return m_dir.is_dos(); }
+  // Whether any listed path matches p: the same directory (exactly) and the
+  // names equal under wildcards, ignoring case.
+  bool match(const pathname& p) const;
+
+  operator dirname() const { return dirname(*single); }
+  operator const pathname&() const { return single; }
+  const pathname& SinglePath() const { return single; }
+  operator char*() const { return *single; }
+
+ private:
+  dirname m_dir;
+  FileNameList files;
+  pathname single;
+};
+
+// Walks a MultiPath: each step yields the directory joined with the next
+// name. A MultiPath without names yields its directory once. Step first,
+// then test:
+//   for (MultiPathIter it(m); ++it;) use(*it);
+class KVCORE_API MultiPathIter {
+ public:
+  MultiPathIter() = default;
+  explicit MultiPathIter(MultiPath& m);
+  MultiPathIter(const MultiPathIter& other) = default;
+  MultiPathIter& operator=(const MultiPathIter& other) = default;
+  // Walks m from its beginning.
+  void Use(MultiPath& m);
+
+  MultiPathIter& operator++();
+  MultiPathIter& operator--();
+  const pathname& operator*() const { return current; }
+  const pathname* operator->() const { return &current; }
+  operator int() const { return current.is_valid() ? 1 : 0; }
+  bool operator!() const { return !current.is_valid(); }
+
+  // Positions of the name walk; Top and Bottom also clear the current path.
+  void Top();
+  void Bottom();
+  bool BOL() const { return names.BOL(); }
+  bool EOL() const { return names.EOL(); }
+  int Count() const { return names.Count(); }
+  int Index() const { return names.Index(); }
+
+  // MultiPath::Find on the MultiPath walked; the iterator does not move.
+  pathname Find(const filename& name) const;
+  pathname Find(const pathname& p) const;
+
+ private:
+  // The MultiPath walked, or null when there is none or it has been destroyed.
+  const MultiPath* Owner() const;
+
+  pathname current;
+  FileNameIter names;
+  MultiPath* owner = nullptr;
+};
+
 // The process's working directories: one per drive, the current drive, the
 // start directory, the executable's directory and the capture directory that
 // the pseudo-drive "!" stands for. All state is process-wide; use it from one
@@ -266,6 +463,8 @@ class KVCORE_API CWD {
   // Replace a directory on "!" by the capture directory, when there is one.
   static void do_subst(dirname& d);
   static void do_subst(pathname& p);
+  // The same for a valid path list: its directory becomes the capture directory.
+  static void do_subst(MultiPath& m);
 
  private:
   static int Index(int ch);

@@ -1,4 +1,5 @@
-// kvtool: path names, wildcard matches and the drive table; demo step 40.
+// kvtool: path names, wildcard matches, path lists and the drive table; demo
+// step 40.
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
@@ -82,6 +83,34 @@ int show_matches(const std::string& patternText, const std::vector<std::string>&
   return any ? 0 : 1;
 }
 
+// Builds a path list from a path (its directory and first name) and further
+// names, and prints it with the paths a walk over it yields. Exit status 0
+// when the list and every name are valid.
+int show_list(const std::vector<std::string>& texts) {
+  MultiPath list(texts.front().c_str());
+  bool namesValid = true;
+  std::printf("\"%s\"\n", texts.front().c_str());
+  for (size_t i = 1; i < texts.size(); ++i) {
+    const filename name(texts[i].c_str());
+    if (!name) {
+      std::printf("  \"%s\" is not a valid name\n", texts[i].c_str());
+      namesValid = false;
+      continue;
+    }
+    list.Add(name);
+  }
+  std::printf("  directory  %s\n", or_none(*list.dir()).c_str());
+  std::printf("  names      %d\n", list.Count());
+  MultiPathIter walk(list);
+  for (int i = 0; ++walk; ++i) {
+    const filename name = list.FileList().Get(i);
+    std::printf("    %-20s %s\n", name ? *name : "(directory)", **walk);
+  }
+  std::printf("  wild       %s\n", list.is_wild() ? (list.Count() > 1 ? "yes (several names)" : "yes") : "no");
+  std::printf("  valid      %s\n", list.is_valid() ? "yes" : "no");
+  return list.is_valid() && namesValid ? 0 : 1;
+}
+
 int show_drives() {
   const int current = get_cur_drive();
   std::printf("%-6s %-10s %-30s %s\n", "drive", "type", "host root", "working directory");
@@ -100,12 +129,22 @@ void setup_path_commands(CLI::App& app, int& exitCode) {
   CLI::App* path = app.add_subcommand("path", "Parse DOS paths; with --match, match names against a wildcard pattern");
   auto texts = std::make_shared<std::vector<std::string>>();
   auto pattern = std::make_shared<std::string>();
-  path->add_option("--match", *pattern, "Wildcard pattern (a name such as *.txt, or a full path c:\\data\\*.txt)");
+  auto list = std::make_shared<bool>(false);
+  CLI::Option* match =
+      path->add_option("--match", *pattern, "Wildcard pattern (a name such as *.txt, or a full path c:\\data\\*.txt)");
+  path->add_flag("--list", *list,
+                 "Build a path list: the first text is a path (c:\\data\\*.txt), further texts add names")
+      ->excludes(match);
   path->add_option("texts", *texts, "Paths to parse, or names to match")->required();
   path->footer(
       "Exit status: for paths, 0 when every path is valid, 1 otherwise; with --match, 0 when any\n"
-      "name matches, 1 when none does, 2 for an invalid pattern.");
-  path->callback([texts, pattern, &exitCode] {
+      "name matches, 1 when none does, 2 for an invalid pattern; with --list, 0 when the list has a\n"
+      "valid directory and at least one name and every name given is valid, 1 otherwise.");
+  path->callback([texts, pattern, list, &exitCode] {
+    if (*list) {
+      exitCode = show_list(*texts);
+      return;
+    }
     if (!pattern->empty()) {
       exitCode = show_matches(*pattern, *texts);
       return;
@@ -159,13 +198,18 @@ int demo_paths() {
     const pathname logs((std::string(1, static_cast<char>(letter)) + ":\\*.log").c_str());
     std::printf("  %s matches %s: %s; %s: %s\n", *p, *pattern, p.match(pattern) ? "yes" : "no", *logs,
                 p.match(logs) ? "yes" : "no");
+    MultiPath selection(pattern);
+    selection.Add("notes.log");
+    const bool listed = selection.match(p);
+    std::printf("  path list %s + %s (%d names) holds %s: %s\n", *pattern, *selection.FileList().Get(1),
+                selection.Count(), *p, listed ? "yes" : "no");
     pathname backup(pattern);
     backup.postfix("bak");
     backup.wild_fill(p.file());
     std::printf("  *.bak filled from %s: %s\n", *p.file(), *backup);
     drive_unmap(letter);
     std::printf("  unmapped %c:; %s now exists: %s\n", letter, *p, p.exists() ? "yes" : "no");
-    status = found && p.match(pattern) && !p.match(logs) ? 0 : 1;
+    status = found && p.match(pattern) && !p.match(logs) && listed ? 0 : 1;
   }
   std::filesystem::remove_all(dir, ec);
   return status;
