@@ -50,15 +50,7 @@ bool mapped(const void* p) {
   return mincore(page, 4096, &v) == 0;
 }
 
-template <typename F>
-std::string abort_text(F&& f) {
-  try {
-    f();
-  } catch (const SysManagerError& e) {
-    return e.what();
-  }
-  return "(no abort)";
-}
+using kvtest::abort_text;
 
 class Heaps : public ::testing::Test {
  protected:

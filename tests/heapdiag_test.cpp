@@ -30,15 +30,7 @@ std::string ptr(const void* p) {
 
 std::string record_address(const void* user) { return ptr(static_cast<const char*>(user) - 24); }
 
-template <typename F>
-std::string abort_text(F&& f) {
-  try {
-    f();
-  } catch (const SysManagerError& e) {
-    return e.what();
-  }
-  return "(no abort)";
-}
+using kvtest::abort_text;
 
 // Runs a dump and splits what it wrote: the table (its first line of output)
 // and everything after it (the listing).

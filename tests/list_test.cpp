@@ -12,6 +12,7 @@
 
 #include "LIST.h"
 #include "sysman.h"
+#include "test_support.h"
 
 namespace {
 
@@ -78,14 +79,7 @@ Item* fill(DLlist& l, std::initializer_list<int> vs) {
   return firstItem;
 }
 
-std::string abort_text(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const SysManagerError& e) {
-    return e.what();
-  }
-  return "(no abort)";
-}
+using kvtest::abort_text;
 
 TEST(DLlist, InsertPositionsCountIndexAndGet) {
   Branch l(0);

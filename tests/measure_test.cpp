@@ -21,14 +21,7 @@ std::string text_of(const Units& u) {
   return out;
 }
 
-std::string abort_text(const std::function<void()>& body) {
-  try {
-    body();
-  } catch (const SysManagerError& e) {
-    return e.what();
-  }
-  return "(no abort)";
-}
+using kvtest::abort_text;
 
 std::string fmt(const Meas& m, const char* format) {
   char out[256];

@@ -10,6 +10,7 @@
 
 #include "MEASURE.h"
 #include "sysman.h"
+#include "test_support.h"
 
 namespace {
 
@@ -36,14 +37,7 @@ std::string shape(const UnitList& l) {
   return s;
 }
 
-std::string abort_text(const std::function<void()>& body) {
-  try {
-    body();
-  } catch (const SysManagerError& e) {
-    return e.what();
-  }
-  return "(no abort)";
-}
+using kvtest::abort_text;
 
 }  // namespace
 

@@ -1,6 +1,8 @@
 // Helpers shared by the test suites.
 #include "test_support.h"
 
+#include "sysman.h"
+
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -59,6 +61,15 @@ TempDir::~TempDir() {
   std::error_code ec;
   std::filesystem::permissions(path_, std::filesystem::perms::owner_all, std::filesystem::perm_options::add, ec);
   std::filesystem::remove_all(path_, ec);
+}
+
+std::string abort_text(const std::function<void()>& body) {
+  try {
+    body();
+  } catch (const SysManagerError& e) {
+    return e.what();
+  }
+  return "(no abort)";
 }
 
 int run_in_child(const std::function<int()>& body) {

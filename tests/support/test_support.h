@@ -57,6 +57,9 @@ class TempDir {
   std::string path_;
 };
 
+// The message of the SysManagerError that body raises, or "(no abort)".
+std::string abort_text(const std::function<void()>& body);
+
 // Runs body in a forked child process and returns its wait status.
 int run_in_child(const std::function<int()>& body);
 
