@@ -139,7 +139,7 @@ void setup_heap_command(CLI::App& app, int& exitCode) {
 }
 
 [[maybe_unused]] const bool registered = kvtool::register_command(setup_heap_command) &&
-                                         kvtool::register_demo_step(20, "Tracked heaps and heap diagnostics",
+                                         kvtool::register_demo_step(30, "Tracked heaps and heap diagnostics",
                                                                     demo_step);
 
 }  // namespace

@@ -79,6 +79,6 @@ int demo_system_manager() {
 }
 
 [[maybe_unused]] const bool registered =
-    kvtool::register_demo_step(30, "System manager and timers", demo_system_manager);
+    kvtool::register_demo_step(20, "System manager and timers", demo_system_manager);
 
 }  // namespace
