@@ -427,6 +427,20 @@ bool add_segment(region_heap h, size_t need) {
 
 bool valid_heap(region_heap h) { return h != nullptr && h->magic == kControlMagic; }
 
+// Makes the bytes of a segment from b + offset on a free block of the given
+// size, following b; lastFlag says whether it ends the segment.
+KVOS_HOT void free_tail(region_heap h, Segment* s, Block* b, size_t offset, size_t size, uint64_t lastFlag) {
+  Block* rest = reinterpret_cast<Block*>(cp(b) + offset);
+  rest->prev = b;
+  rest->word = word(size, lastFlag);
+  set_start(s, rest);
+  if (lastFlag != 0)
+    s->last = rest;
+  else
+    after(rest)->prev = rest;
+  insert_free(h, rest);
+}
+
 // Takes the free block b for a request of n bytes (block size need): commits,
 // splits off the rest, zeroes the data and marks it busy. False (error code
 // set) when the pages cannot be committed or b is damaged; b is then as before.
@@ -441,15 +455,7 @@ KVOS_HOT bool take(region_heap h, Segment* s, Block* b, size_t need, size_t n) {
   size_t taken = size;
   uint64_t flags = lastFlag;
   if (split) {
-    Block* rest = reinterpret_cast<Block*>(cp(b) + need);
-    rest->prev = b;
-    rest->word = word(size - need, lastFlag);
-    set_start(s, rest);
-    if (lastFlag != 0)
-      s->last = rest;
-    else
-      after(rest)->prev = rest;
-    insert_free(h, rest);
+    free_tail(h, s, b, need, size - need, lastFlag);
     taken = need;
     flags = 0;
   }
@@ -617,7 +623,6 @@ void* region_heap_realloc(region_heap h, void* p, size_t n) {
     size_t keep = size;
     uint64_t flags = b->word & kLast;
     if (size - need >= kMinBlock) {
-      Block* rest = reinterpret_cast<Block*>(cp(b) + need);
       size_t restSize = size - need;
       uint64_t restLast = b->word & kLast;
       if (nextFree) {
@@ -626,14 +631,7 @@ void* region_heap_realloc(region_heap h, void* p, size_t n) {
         restSize += bsize(next);
         restLast = next->word & kLast;
       }
-      rest->prev = b;
-      rest->word = word(restSize, restLast);
-      set_start(s, rest);
-      if (restLast != 0)
-        s->last = rest;
-      else
-        after(rest)->prev = rest;
-      insert_free(h, rest);
+      free_tail(h, s, b, need, restSize, restLast);
       keep = need;
       flags = 0;
     }
@@ -654,15 +652,7 @@ void* region_heap_realloc(region_heap h, void* p, size_t n) {
       size_t keep = total;
       uint64_t flags = nextLast;
       if (split) {
-        Block* rest = reinterpret_cast<Block*>(cp(b) + need);
-        rest->prev = b;
-        rest->word = word(total - need, nextLast);
-        set_start(s, rest);
-        if (nextLast != 0)
-          s->last = rest;
-        else
-          after(rest)->prev = rest;
-        insert_free(h, rest);
+        free_tail(h, s, b, need, total - need, nextLast);
         keep = need;
         flags = 0;
       } else if (nextLast != 0) {
