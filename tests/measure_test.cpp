@@ -185,19 +185,13 @@ TEST(MeasRead, ValueUnitsOrBoth) {
 }
 
 TEST(MeasFormat, SignificantDigitsUnitsAndFixedPoint) {
-  EXPECT_EQ(fmt(Meas(3.14159), "%V"), "3.142");
-  EXPECT_EQ(fmt(Meas(1.0), "%V"), "1.000");
-  EXPECT_EQ(fmt(Meas(12.5), "%V"), "12.50");
-  EXPECT_EQ(fmt(Meas(0.5), "%V"), "0.5000");
-  EXPECT_EQ(fmt(Meas(12345.6), "%V"), "12346");
-  EXPECT_EQ(fmt(Meas(0.0), "%V"), "0");
-  EXPECT_EQ(fmt(Meas(-0.0123), "%V"), "-0.01230");
-  EXPECT_EQ(fmt(Meas(1e-20), "%V"), "0.0000000000") << "at most 10 decimals";
-  EXPECT_EQ(fmt(Meas(3.14159), "%6V"), "3.14159") << "six digits, width six";
-  EXPECT_EQ(fmt(Meas(2.0), "%6V|"), "2.00000|");
-  EXPECT_EQ(fmt(Meas(0.0), "%-8V|"), "0       |") << "zero: one digit";
-  EXPECT_EQ(fmt(Meas(0.0), "%8V|"), "       0|");
-  EXPECT_EQ(fmt(Meas(2.0), "%.1V"), "2.000") << "the precision is ignored";
+  // At most 10 decimals; "%6V" asks for six digits; zero has one digit; a precision is ignored.
+  const struct { double v; const char* format; const char* want; } cases[] = {
+      {3.14159, "%V", "3.142"}, {1.0, "%V", "1.000"}, {12.5, "%V", "12.50"}, {0.5, "%V", "0.5000"},
+      {12345.6, "%V", "12346"}, {0.0, "%V", "0"}, {-0.0123, "%V", "-0.01230"}, {1e-20, "%V", "0.0000000000"},
+      {3.14159, "%6V", "3.14159"}, {2.0, "%6V|", "2.00000|"}, {0.0, "%-8V|", "0       |"},
+      {0.0, "%8V|", "       0|"}, {2.0, "%.1V", "2.000"}};
+  for (const auto& c : cases) EXPECT_EQ(fmt(Meas(c.v), c.format), c.want) << c.format << " " << c.v;
 
   const Meas m(5000, "nm");
   char out[64];
