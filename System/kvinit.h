@@ -12,6 +12,9 @@
 #define KV_PRIO_UNITS 160     // the Unit_* constants
 #define KV_PRIO_INSTR 170     // the instrument-file handle registry
 #define KV_PRIO_PANEL 180     // PanelStateSaveDefault
+#define KV_PRIO_LOG 190       // the log manager's three log files
+#define KV_PRIO_STACK 200     // the stack dump writer's settings
+#define KV_PRIO_SERIAL 210    // Rs232if
 #define KV_PRIO_ATTACH 60000  // the process-attach hook, after every global above
 
 #define KV_INIT(priority) __attribute__((init_priority(priority)))
