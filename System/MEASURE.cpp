@@ -931,7 +931,7 @@ const char* Meas::ReadUnits(const char* text) {
 namespace {
 
 // printf into a string.
-std::string format_text(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string format_text(const char* format, ...) KVCORE_PRINTF(1, 2);
 std::string format_text(const char* format, ...) {
   va_list args;
   va_start(args, format);

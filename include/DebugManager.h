@@ -93,9 +93,9 @@ class KVCORE_API DebugManager {
 }  // namespace CSL
 
 // printf-style output in category "A"; always -1.
-KVCORE_API int Debug(const char* format, ...) __attribute__((format(printf, 1, 2)));
+KVCORE_API int Debug(const char* format, ...) KVCORE_PRINTF(1, 2);
 // printf-style output in a category; always -1.
-KVCORE_API int Debug(DebugType type, const char* format, ...) __attribute__((format(printf, 2, 3)));
+KVCORE_API int Debug(DebugType type, const char* format, ...) KVCORE_PRINTF(2, 3);
 // As above, written only when "Verbose" is on and condition is non-zero.
 KVCORE_API int Debug(DebugType type, int condition, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
+    KVCORE_PRINTF(3, 4);

@@ -45,7 +45,7 @@ class KVCORE_API MemoryException : public Exception {
 // An exception whose message is formatted printf-style (at most 2047 characters).
 class KVCORE_API VarArgsException : public Exception {
  public:
-  explicit VarArgsException(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  explicit VarArgsException(const char* format, ...) KVCORE_PRINTF(2, 3);
   ~VarArgsException() override;
 };
 

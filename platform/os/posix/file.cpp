@@ -1,21 +1,16 @@
 // Files on Linux.
-#include "kvos/file.h"
-
 #include <dirent.h>
 #include <fcntl.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cctype>
 #include <cerrno>
-#include <cstdio>
-#include <vector>
 
+#include "../common/file_system.h"
 #include "kvos/drives.h"
+#include "kvos/file.h"
 #include "kvos/fault.h"
 #include "kvos/fileattr.h"
 #include "kvos/time.h"
@@ -29,68 +24,14 @@ bool map(const std::string& dos, std::string& host) { return !dos.empty() && dos
 
 int64_t mtime_of(const struct stat& st) { return unix_to_file_time(st.st_mtim.tv_sec, st.st_mtim.tv_nsec); }
 
+// The classic attribute bits: a directory, a file this process may not write
+// is read-only, a name beginning with "." is hidden.
 uint32_t attributes_of(const std::string& host, const std::string& name, const struct stat& st) {
   uint32_t attributes = 0;
   if (S_ISDIR(st.st_mode)) attributes |= kFileAttributeDirectory;
   if (!S_ISDIR(st.st_mode) && access(host.c_str(), W_OK) != 0) attributes |= kFileAttributeReadOnly;
   if (name.size() > 1 && name[0] == '.' && name != "..") attributes |= kFileAttributeHidden;
   return attributes == 0 ? kFileAttributeNormal : attributes;
-}
-
-std::string lower(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
-
-// "*" any run of characters, "?" exactly one; both texts already lower-case.
-bool wild_match(const char* pattern, const char* name) {
-  const char* star = nullptr;
-  const char* resume = nullptr;
-  while (*name != '\0') {
-    if (*pattern == '*') {
-      star = pattern++;
-      resume = name;
-    } else if (*pattern == '?' || *pattern == *name) {
-      ++pattern;
-      ++name;
-    } else if (star != nullptr) {
-      pattern = star + 1;
-      name = ++resume;
-    } else {
-      return false;
-    }
-  }
-  while (*pattern == '*') ++pattern;
-  return *pattern == '\0';
-}
-
-void fill_found(const std::string& host, const std::string& name, const struct stat& st, FindData& found) {
-  found.name = name;
-  found.attributes = attributes_of(host, name, st);
-  found.size = S_ISDIR(st.st_mode) ? 0 : static_cast<uint64_t>(st.st_size);
-  found.lastWriteUtc = mtime_of(st);
-}
-
-std::string join_dos(const std::string& dir, const std::string& name) {
-  if (dir.empty()) return name;
-  const char last = dir.back();
-  if (last == '\\' || last == '/' || (dir.size() == 2 && dir[1] == ':')) return dir + name;
-  return dir + "\\" + name;
-}
-
-std::string temp_leaf(const std::string& prefix, unsigned unique) {
-  char digits[8];
-  std::snprintf(digits, sizeof digits, "%04X", unique & 0xFFFFu);
-  return prefix.substr(0, 3) + digits + ".tmp";
-}
-
-// A start value for the search for a free temporary name, different between
-// processes and between calls.
-unsigned temp_start() {
-  static std::atomic<unsigned> counter{0};
-  const unsigned mixed = static_cast<unsigned>(perf_counter() / 1000) ^ (static_cast<unsigned>(getpid()) * 2654435761u) ^
-                         counter.fetch_add(0x9E37u, std::memory_order_relaxed);
-  return mixed & 0xFFFFu;
 }
 
 bool sync_directory_of(const std::string& host) {
@@ -103,7 +44,62 @@ bool sync_directory_of(const std::string& host) {
   return ok;
 }
 
+std::string leaf_of(const std::string& host) {
+  const size_t slash = host.find_last_of('/');
+  return slash == std::string::npos ? host : host.substr(slash + 1);
+}
+
 }  // namespace
+
+namespace file_system {
+
+bool is_directory(const std::string& host) {
+  struct stat st;
+  return stat(host.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+int create_new(const std::string& host) {
+  for (;;) {
+    const int fd = open(host.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd >= 0) {
+      close(fd);
+      return 1;
+    }
+    if (errno != EINTR) return errno == EEXIST ? 0 : -1;
+  }
+}
+
+bool list_directory(const std::string& hostDir, std::vector<std::string>& names) {
+  DIR* dir = opendir(hostDir.c_str());
+  if (dir == nullptr) return false;
+  while (dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(dir);
+  return true;
+}
+
+bool describe(const std::string& host, FindData& found) {
+  struct stat st;
+  if (stat(host.c_str(), &st) != 0) return false;
+  found.name = leaf_of(host);
+  found.attributes = attributes_of(host, found.name, st);
+  found.size = S_ISDIR(st.st_mode) ? 0 : static_cast<uint64_t>(st.st_size);
+  found.lastWriteUtc = mtime_of(st);
+  return true;
+}
+
+unsigned process_number() { return static_cast<unsigned>(getpid()); }
+
+}  // namespace file_system
+
+uint32_t file_attributes(const std::string& dosPath) {
+  std::string host;
+  struct stat st;
+  if (!dos_to_host(dosPath, host) || stat(host.c_str(), &st) != 0) return kInvalidFileAttributes;
+  return attributes_of(host, leaf_of(host), st);
+}
 
 file_t file_open(const std::string& dosPath, FileOpenMode mode) {
   std::string host;
@@ -238,75 +234,6 @@ bool file_replace(const std::string& dosFrom, const std::string& dosTo) {
   }
   if (rename(from.c_str(), to.c_str()) != 0) return false;
   return sync_directory_of(to);
-}
-
-bool file_temp_name(const std::string& dosDir, const std::string& prefix, unsigned unique, std::string& dosName) {
-  const std::string dir = dosDir.empty() ? std::string(".") : dosDir;
-  if (fault_check(FaultPoint::FileTempName)) return false;
-  std::string hostDir;
-  if (!map(dir, hostDir)) return false;
-  struct stat st;
-  if (stat(hostDir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
-  if (unique != 0) {
-    dosName = join_dos(dir, temp_leaf(prefix, unique));
-    return true;
-  }
-  const std::string hostBase = hostDir.back() == '/' ? hostDir : hostDir + "/";
-  const unsigned start = temp_start();
-  for (unsigned step = 0; step < 0x10000u; ++step) {
-    const unsigned number = (start + step) & 0xFFFFu;
-    if (number == 0) continue;
-    const std::string leaf = temp_leaf(prefix, number);
-    const int fd = open((hostBase + leaf).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd >= 0) {
-      close(fd);
-      dosName = join_dos(dir, leaf);
-      return true;
-    }
-    if (errno != EEXIST && errno != EINTR) return false;
-  }
-  return false;
-}
-
-bool file_find_first(const std::string& dosPattern, FindData& found) {
-  // The directory part keeps its separator ("c:\\dir\\"), or is "c:" for "c:*.txt".
-  size_t cut = dosPattern.find_last_of("\\/");
-  if (cut == std::string::npos && dosPattern.size() >= 2 && dosPattern[1] == ':') cut = 1;
-  const std::string leaf = cut == std::string::npos ? dosPattern : dosPattern.substr(cut + 1);
-  if (leaf.empty() || leaf == "." || leaf == "..") return false;
-  const bool wild = leaf.find_first_of("*?") != std::string::npos;
-  if (!wild) {
-    std::string host;
-    struct stat st;
-    if (!map(dosPattern, host) || stat(host.c_str(), &st) != 0) return false;
-    const size_t slash = host.find_last_of('/');
-    fill_found(host, slash == std::string::npos ? host : host.substr(slash + 1), st, found);
-    return true;
-  }
-  const std::string dosDir = cut == std::string::npos ? std::string(".") : dosPattern.substr(0, cut + 1);
-  std::string hostDir;
-  if (!map(dosDir, hostDir)) return false;
-  DIR* dir = opendir(hostDir.c_str());
-  if (dir == nullptr) return false;
-  const std::string pattern = lower(leaf);
-  const bool all = pattern == "*.*" || pattern == "*";
-  std::vector<std::string> names;
-  while (dirent* entry = readdir(dir)) {
-    const std::string name = entry->d_name;
-    if (name == "." || name == "..") continue;
-    if (all || wild_match(pattern.c_str(), lower(name).c_str())) names.push_back(name);
-  }
-  closedir(dir);
-  std::sort(names.begin(), names.end(),
-            [](const std::string& a, const std::string& b) { return strcasecmp(a.c_str(), b.c_str()) < 0; });
-  const std::string base = hostDir.back() == '/' ? hostDir : hostDir + "/";
-  for (const std::string& name : names) {
-    struct stat st;
-    if (stat((base + name).c_str(), &st) != 0) continue;  // vanished meanwhile
-    fill_found(base + name, name, st, found);
-    return true;
-  }
-  return false;
 }
 
 bool disk_free_space(const std::string& dosPath, uint64_t& freeToCaller, uint64_t* total, uint64_t* totalFree) {

@@ -1,41 +1,11 @@
-// The host's message pump.
-#include "kvos/pump.h"
+// Linux has no message queue of its own: without the host's pump the queue
+// is always empty.
+#include "../common/system_pump.h"
 
-#include <mutex>
+namespace kvos::system_pump {
 
-namespace kvos {
-namespace {
+bool peek() { return false; }
+int get() { return -1; }
+void dispatch() {}
 
-std::mutex g_mutex;
-MessagePumpHooks g_hooks;
-
-MessagePumpHooks hooks() {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  return g_hooks;
-}
-
-}  // namespace
-
-void pump_install(const MessagePumpHooks* hooks) {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_hooks = hooks != nullptr && hooks->peek != nullptr ? *hooks : MessagePumpHooks{};
-}
-
-bool pump_installed() { return hooks().peek != nullptr; }
-
-bool pump_peek() {
-  const MessagePumpHooks h = hooks();
-  return h.peek != nullptr && h.peek(h.context);
-}
-
-int pump_get() {
-  const MessagePumpHooks h = hooks();
-  return h.get != nullptr ? h.get(h.context) : -1;
-}
-
-void pump_dispatch() {
-  const MessagePumpHooks h = hooks();
-  if (h.dispatch != nullptr) h.dispatch(h.context);
-}
-
-}  // namespace kvos
+}  // namespace kvos::system_pump

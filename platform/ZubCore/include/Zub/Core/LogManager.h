@@ -88,7 +88,7 @@ class ZUB_API Logger {
   void WriteLogVarArgs(int severity, const std::string& format, const void* args);
 
   // The same with the arguments given here.
-  void WriteLog(int severity, const char* format, ...) __attribute__((format(printf, 3, 4)));
+  void WriteLog(int severity, const char* format, ...) ZUB_PRINTF(3, 4);
 
  private:
   LogManager& m_manager;
