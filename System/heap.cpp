@@ -182,6 +182,12 @@ class heap_lock {
 // The paths every tracked allocation and free takes, as hidden functions the
 // compiler can keep in one piece (the exported members are thin wrappers).
 struct heap_internals {
+  // The global allocation functions reach the manager through here.
+  static void* tracked_allocate(heap* h, size_t n, const char* file, int line, void* caller) {
+    return heapman_mgr::tracked_allocate(h, n, file, line, caller);
+  }
+  static void tracked_delete(void* p, void* caller) { heapman_mgr::tracked_delete(p, caller); }
+
   static bool belongs(const heap* h, const void* p) {
     const char* c = static_cast<const char*>(p);
     return c >= h->m_base && c < h->m_base + h->m_regionSize;
@@ -656,19 +662,19 @@ void heapman_mgr::tracked_delete(void* p, void* caller) {
 // Global allocation functions
 
 void* operator new(size_t n, heap* h, const char* file, int line) {
-  return heapman_mgr::tracked_allocate(h, n, file, line, __builtin_return_address(0));
+  return heap_internals::tracked_allocate(h, n, file, line, __builtin_return_address(0));
 }
 
 void* operator new[](size_t n, heap* h, const char* file, int line) {
-  return heapman_mgr::tracked_allocate(h, n, file, line, __builtin_return_address(0));
+  return heap_internals::tracked_allocate(h, n, file, line, __builtin_return_address(0));
 }
 
 void* operator new(size_t n, _FindHeap* near, const char* file, int line) {
-  return heapman_mgr::tracked_allocate(heapman_mgr::find(near), n, file, line, __builtin_return_address(0));
+  return heap_internals::tracked_allocate(heapman_mgr::find(near), n, file, line, __builtin_return_address(0));
 }
 
 void* operator new[](size_t n, _FindHeap* near, const char* file, int line) {
-  return heapman_mgr::tracked_allocate(heapman_mgr::find(near), n, file, line, __builtin_return_address(0));
+  return heap_internals::tracked_allocate(heapman_mgr::find(near), n, file, line, __builtin_return_address(0));
 }
 
 void operator delete(void* p, heap*, const char*, int) noexcept { KvOperatorDelete(p); }
@@ -680,7 +686,7 @@ void* KvOperatorNew(size_t n) { return std::calloc(n, 1); }
 
 void KvOperatorDelete(void* p) {
   if (p == nullptr) return;
-  heapman_mgr::tracked_delete(p, __builtin_return_address(0));
+  heap_internals::tracked_delete(p, __builtin_return_address(0));
 }
 
 void KvOperatorDeleteArray(void* p) { KvOperatorDelete(p); }

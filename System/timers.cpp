@@ -71,7 +71,7 @@ uint32_t whole_ms(double seconds) {
 }  // namespace
 
 void delay_dos_ms(long ms) {
-  kvos::sleep_ms(ms <= 0 ? 0 : static_cast<uint32_t>(std::min<long>(ms, 0xFFFFFFFEL)), false);
+  kvos::sleep_ms(ms <= 0 ? 0 : static_cast<uint32_t>(std::min<int64_t>(ms, 0xFFFFFFFE)), false);
 }
 
 void delay_dos_us(long us) {

@@ -215,11 +215,6 @@ class KVCORE_API heapman_mgr {
   friend class heap;
   friend class heap_lock;
   friend struct heap_internals;
-  friend void* operator new(size_t, heap*, const char*, int);
-  friend void* operator new[](size_t, heap*, const char*, int);
-  friend void* operator new(size_t, _FindHeap*, const char*, int);
-  friend void* operator new[](size_t, _FindHeap*, const char*, int);
-  friend void KvOperatorDelete(void*);
   static void* tracked_allocate(heap* h, size_t n, const char* file, int line, void* caller);
   static void tracked_delete(void* p, void* caller);
   static heap* find_locked(const void* p);

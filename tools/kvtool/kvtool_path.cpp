@@ -185,13 +185,13 @@ int demo_paths() {
     return 1;
   }
   int status = 1;
-  if (drive_map(letter, dir.c_str())) {
+  if (drive_map(letter, dir.string().c_str())) {
     std::ofstream(dir / "Report.TXT") << "demo\n";
     const std::string dos = std::string(1, static_cast<char>(letter)) + ":\\report.txt";
     const pathname p(dos.c_str());
     std::string host;
     dos_to_host_path(*p, host);
-    std::printf("  mapped %c: to %s\n", letter, dir.c_str());
+    std::printf("  mapped %c: to %s\n", letter, dir.string().c_str());
     const bool found = p.exists();
     std::printf("  %s exists: %s (host file %s)\n", *p, found ? "yes" : "no", host.c_str());
     const pathname pattern((std::string(1, static_cast<char>(letter)) + ":\\*.txt").c_str());

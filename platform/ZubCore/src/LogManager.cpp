@@ -41,7 +41,15 @@ Logger::Logger(LogManager& manager, const std::string& name, uint32_t filters)
 void Logger::WriteLogVarArgs(int severity, const std::string& format, const void* args) {
   if (!IsEnabled(severity) || args == nullptr) return;
   // One line buffer per thread, so that a line costs no allocation once warm.
+#if defined(__MINGW32__)
+  // mingw-w64 emulates thread-local storage and frees a thread's block before
+  // the destructors of its objects run: the buffer is kept for the process.
+  thread_local std::string* buffer = nullptr;
+  if (buffer == nullptr) buffer = new std::string();
+  std::string& line = *buffer;
+#else
   thread_local std::string line;
+#endif
   va_list ap;
   va_copy(ap, *static_cast<va_list*>(const_cast<void*>(args)));
   char local[1024];

@@ -1,28 +1,22 @@
-// The console on Linux: the controlling terminal.
-#include "kvos/console.h"
-
+// The system side of the console on Linux: the controlling terminal, its
+// title escape, and the signals that stand for the console's events.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <mutex>
 
-namespace kvos {
+#include "../common/console_system.h"
+
+namespace kvos::console_system {
 namespace {
 
 constexpr const char* kTerminal = "/dev/tty";
 constexpr int kSignals[] = {SIGINT, SIGQUIT, SIGHUP};  // by event number
-constexpr int kMaxHandlers = 8;
 
-std::atomic<bool> g_allocated{false};
-std::mutex g_mutex;
-std::string g_title;
-bool g_titleSet = false;
-std::atomic<ConsoleCtrlHandler> g_handlers[kMaxHandlers];
-bool g_signalsInstalled = false;
+std::once_flag g_routed;
 char g_windowToken;
 
 bool is_null_device(int fd) {
@@ -40,16 +34,13 @@ int event_of(int signal) {
   return -1;
 }
 
-// Asks the handlers, newest first; unhandled events take their default action.
+// Asks the handlers; unhandled events take their default action.
 void on_console_signal(int signal) {
   const int saved = errno;
   const int event = event_of(signal);
-  for (int i = kMaxHandlers - 1; i >= 0 && event >= 0; --i) {
-    const ConsoleCtrlHandler handler = g_handlers[i].load(std::memory_order_acquire);
-    if (handler != nullptr && handler(event)) {
-      errno = saved;
-      return;
-    }
+  if (event >= 0 && dispatch_console_event(event)) {
+    errno = saved;
+    return;
   }
   struct sigaction action {};
   action.sa_handler = SIG_DFL;
@@ -59,41 +50,25 @@ void on_console_signal(int signal) {
   errno = saved;
 }
 
-void install_signals() {
-  if (g_signalsInstalled) return;
-  struct sigaction action {};
-  action.sa_handler = on_console_signal;
-  sigemptyset(&action.sa_mask);
-  action.sa_flags = SA_RESTART;
-  for (int signal : kSignals) sigaction(signal, &action, nullptr);
-  g_signalsInstalled = true;
-}
-
 }  // namespace
 
-bool console_allocate(std::string& inputDevice, std::string& outputDevice) {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  if (g_allocated.load()) return false;
-  if (!closed(STDOUT_FILENO) && !is_null_device(STDOUT_FILENO)) return false;  // already has its console
+// A process with usable standard output already has its console; one whose
+// output is closed or the null device gets its controlling terminal.
+bool allocate(std::string& inputDevice, std::string& outputDevice) {
+  if (!closed(STDOUT_FILENO) && !is_null_device(STDOUT_FILENO)) return false;
   const int fd = open(kTerminal, O_RDWR | O_NOCTTY | O_CLOEXEC);
   if (fd < 0) return false;  // no controlling terminal
   close(fd);
   inputDevice = kTerminal;
   outputDevice = kTerminal;
-  g_allocated.store(true);
   return true;
 }
 
-bool console_allocated() { return g_allocated.load(); }
+// The terminal's window belongs to the terminal program: a token stands for it.
+void* window() { return &g_windowToken; }
 
-void* console_window() { return g_allocated.load() ? &g_windowToken : nullptr; }
-
-bool console_set_title(const std::string& title) {
-  if (!g_allocated.load()) return false;
-  std::string clean;
-  for (char c : title)
-    if (static_cast<unsigned char>(c) >= 0x20 && c != 0x7F) clean += c;
-  const std::string sequence = "\033]0;" + clean + "\007";
+bool set_title(const std::string& title) {
+  const std::string sequence = "\033]0;" + title + "\007";
   const int fd = open(kTerminal, O_WRONLY | O_NOCTTY | O_CLOEXEC);
   if (fd < 0) return false;
   size_t done = 0;
@@ -104,54 +79,30 @@ bool console_set_title(const std::string& title) {
     done += static_cast<size_t>(n);
   }
   close(fd);
-  if (done != sequence.size()) return false;
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_title = clean;
-  g_titleSet = true;
-  return true;
+  return done == sequence.size();
 }
 
-bool console_get_title(std::string& title) {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  if (!g_titleSet) return false;
-  title = g_title;
-  return true;
+bool show_window(bool) { return true; }
+bool disable_close() { return true; }
+
+void route_events() {
+  std::call_once(g_routed, [] {
+    struct sigaction action {};
+    action.sa_handler = on_console_signal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    for (int signal : kSignals) sigaction(signal, &action, nullptr);
+  });
 }
 
-bool console_show_window(bool) { return console_window() != nullptr; }
-bool console_disable_close() { return console_window() != nullptr; }
-
-bool console_set_ctrl_handler(ConsoleCtrlHandler handler, bool add) {
-  if (!g_allocated.load() || handler == nullptr) return false;
-  std::lock_guard<std::mutex> lock(g_mutex);
-  int used = 0;  // handlers occupy slots 0..used-1, oldest first
-  while (used < kMaxHandlers && g_handlers[used].load() != nullptr) ++used;
-  if (!add) {
-    for (int i = used - 1; i >= 0; --i) {
-      if (g_handlers[i].load() != handler) continue;
-      for (int j = i; j + 1 < used; ++j) g_handlers[j].store(g_handlers[j + 1].load(), std::memory_order_release);
-      g_handlers[used - 1].store(nullptr, std::memory_order_release);
-      return true;
-    }
-    return false;
-  }
-  if (used == kMaxHandlers) return false;
-  g_handlers[used].store(handler, std::memory_order_release);
-  install_signals();
-  return true;
-}
-
-bool console_restore_ctrl_c() {
-  if (!g_allocated.load()) return false;
+bool restore_ctrl_c() {
   struct sigaction current {};
   if (sigaction(SIGINT, nullptr, &current) != 0) return false;
-  if (current.sa_handler == SIG_IGN) {
-    struct sigaction action {};
-    action.sa_handler = SIG_DFL;
-    sigemptyset(&action.sa_mask);
-    return sigaction(SIGINT, &action, nullptr) == 0;
-  }
-  return true;
+  if (current.sa_handler != SIG_IGN) return true;
+  struct sigaction action {};
+  action.sa_handler = SIG_DFL;
+  sigemptyset(&action.sa_mask);
+  return sigaction(SIGINT, &action, nullptr) == 0;
 }
 
-}  // namespace kvos
+}  // namespace kvos::console_system

@@ -1,0 +1,225 @@
+// Files on Windows: CreateFileA handles, FILETIME times, FindFirstFileA
+// directory listings, and the crash-safe replace through MoveFileExA with
+// MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH.
+#include <windows.h>
+
+#include <algorithm>
+
+#include "../common/file_system.h"
+#include "filetime.h"
+#include "kvos/drives.h"
+#include "kvos/fault.h"
+#include "kvos/file.h"
+#include "kvos/fileattr.h"
+
+namespace kvos {
+namespace {
+
+HANDLE handle_of(file_t file) { return reinterpret_cast<HANDLE>(file); }
+
+bool map(const std::string& dos, std::string& host) { return !dos.empty() && dos_to_host(dos, host); }
+
+// Attributes that a replacement takes over from the file it replaces.
+constexpr DWORD kKeptAttributes =
+    FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
+
+// Every open lets other openers read, write, rename and delete the file, as
+// files behave elsewhere (a log can be rotated, a file replaced while read).
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+HANDLE open_handle(const std::string& host, DWORD access, DWORD disposition) {
+  return CreateFileA(host.c_str(), access, kShareAll, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+}  // namespace
+
+namespace file_system {
+
+bool is_directory(const std::string& host) {
+  const DWORD attributes = GetFileAttributesA(host.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+int create_new(const std::string& host) {
+  HANDLE h = open_handle(host, GENERIC_WRITE, CREATE_NEW);
+  if (h != INVALID_HANDLE_VALUE) {
+    CloseHandle(h);
+    return 1;
+  }
+  const DWORD error = GetLastError();
+  return error == ERROR_FILE_EXISTS || error == ERROR_ALREADY_EXISTS ? 0 : -1;
+}
+
+bool list_directory(const std::string& hostDir, std::vector<std::string>& names) {
+  WIN32_FIND_DATAA data;
+  const std::string pattern = hostDir + (hostDir.back() == '\\' ? "*" : "\\*");
+  HANDLE find = FindFirstFileExA(pattern.c_str(), FindExInfoBasic, &data, FindExSearchNameMatch, nullptr, 0);
+  if (find == INVALID_HANDLE_VALUE) return GetLastError() == ERROR_FILE_NOT_FOUND;  // an empty volume root
+  do {
+    const std::string name = data.cFileName;
+    if (name != "." && name != "..") names.push_back(name);
+  } while (FindNextFileA(find, &data));
+  FindClose(find);
+  return true;
+}
+
+bool describe(const std::string& host, FindData& found) {
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  if (!GetFileAttributesExA(host.c_str(), GetFileExInfoStandard, &data)) return false;
+  // The name as the directory stores it (its case may differ from the path's).
+  WIN32_FIND_DATAA entry;
+  HANDLE find = FindFirstFileExA(host.c_str(), FindExInfoBasic, &entry, FindExSearchNameMatch, nullptr, 0);
+  if (find != INVALID_HANDLE_VALUE) {
+    found.name = entry.cFileName;
+    FindClose(find);
+  } else {
+    const size_t cut = host.find_last_of("\\/");
+    found.name = cut == std::string::npos ? host : host.substr(cut + 1);
+  }
+  found.attributes = data.dwFileAttributes;
+  const bool directory = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  found.size = directory ? 0 : (static_cast<uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+  found.lastWriteUtc = win32::from_filetime(data.ftLastWriteTime);
+  return true;
+}
+
+unsigned process_number() { return static_cast<unsigned>(GetCurrentProcessId()); }
+
+}  // namespace file_system
+
+uint32_t file_attributes(const std::string& dosPath) {
+  std::string host;
+  if (!dos_to_host(dosPath, host)) return kInvalidFileAttributes;
+  return GetFileAttributesA(host.c_str());
+}
+
+file_t file_open(const std::string& dosPath, FileOpenMode mode) {
+  std::string host;
+  if (fault_check(FaultPoint::FileOpen) || !map(dosPath, host)) return kInvalidFile;
+  HANDLE h = INVALID_HANDLE_VALUE;
+  switch (mode) {
+    case kFileReadExisting:
+      // With the right to set times where the file allows it (file_set_time on a reading handle).
+      h = open_handle(host, GENERIC_READ | FILE_WRITE_ATTRIBUTES, OPEN_EXISTING);
+      if (h == INVALID_HANDLE_VALUE && GetLastError() == ERROR_ACCESS_DENIED)
+        h = open_handle(host, GENERIC_READ, OPEN_EXISTING);
+      break;
+    case kFileWriteExisting: h = open_handle(host, GENERIC_WRITE | FILE_READ_ATTRIBUTES, OPEN_EXISTING); break;
+    case kFileCreateAlways: h = open_handle(host, GENERIC_WRITE | FILE_READ_ATTRIBUTES, CREATE_ALWAYS); break;
+    case kFileCreateNew: h = open_handle(host, GENERIC_WRITE | FILE_READ_ATTRIBUTES, CREATE_NEW); break;
+    default: return kInvalidFile;
+  }
+  return h == INVALID_HANDLE_VALUE ? kInvalidFile : reinterpret_cast<file_t>(h);
+}
+
+bool file_close(file_t file) {
+  if (file == kInvalidFile) return false;
+  const bool injected = fault_check(FaultPoint::FileClose);
+  const bool closed = CloseHandle(handle_of(file)) != 0;
+  return closed && !injected;
+}
+
+bool file_seek(file_t file, uint64_t offset) {
+  if (file == kInvalidFile || fault_check(FaultPoint::FileSeek)) return false;
+  if (offset > static_cast<uint64_t>(INT64_MAX)) return false;
+  LARGE_INTEGER distance;
+  distance.QuadPart = static_cast<LONGLONG>(offset);
+  return SetFilePointerEx(handle_of(file), distance, nullptr, FILE_BEGIN) != 0;
+}
+
+bool file_read(file_t file, void* buffer, uint64_t size, uint64_t& done) {
+  done = 0;
+  if (file == kInvalidFile || (size > 0 && buffer == nullptr)) return false;
+  if (fault_check(FaultPoint::FileRead)) return false;
+  char* out = static_cast<char*>(buffer);
+  while (done < size) {
+    const DWORD chunk = static_cast<DWORD>(std::min<uint64_t>(size - done, 1u << 30));
+    DWORD n = 0;
+    if (!ReadFile(handle_of(file), out + done, chunk, &n, nullptr)) return false;
+    if (n == 0) break;
+    done += n;
+  }
+  return true;
+}
+
+bool file_write(file_t file, const void* buffer, uint64_t size, uint64_t& done) {
+  done = 0;
+  if (file == kInvalidFile || (size > 0 && buffer == nullptr)) return false;
+  uint64_t limit = size;
+  const bool injected = fault_check(FaultPoint::FileWrite);
+  if (injected) limit = size / 2;  // a disk that fills up half-way
+  const char* in = static_cast<const char*>(buffer);
+  while (done < limit) {
+    const DWORD chunk = static_cast<DWORD>(std::min<uint64_t>(limit - done, 1u << 30));
+    DWORD n = 0;
+    if (!WriteFile(handle_of(file), in + done, chunk, &n, nullptr) || n == 0) return false;
+    done += n;
+  }
+  return !injected;
+}
+
+bool file_sync(file_t file) {
+  if (file == kInvalidFile || fault_check(FaultPoint::FileSync)) return false;
+  return FlushFileBuffers(handle_of(file)) != 0;
+}
+
+bool file_get_size(file_t file, uint64_t& size) {
+  LARGE_INTEGER value;
+  if (file == kInvalidFile || !GetFileSizeEx(handle_of(file), &value)) return false;
+  size = static_cast<uint64_t>(value.QuadPart);
+  return true;
+}
+
+bool file_get_time(file_t file, int64_t& lastWriteUtc) {
+  FILETIME write;
+  if (file == kInvalidFile || fault_check(FaultPoint::FileGetTime)) return false;
+  if (!GetFileTime(handle_of(file), nullptr, nullptr, &write)) return false;
+  lastWriteUtc = win32::from_filetime(write);
+  return true;
+}
+
+bool file_set_time(file_t file, int64_t lastWriteUtc) {
+  if (file == kInvalidFile || lastWriteUtc < 0 || fault_check(FaultPoint::FileSetTime)) return false;
+  const FILETIME write = win32::to_filetime(lastWriteUtc);
+  return SetFileTime(handle_of(file), nullptr, nullptr, &write) != 0;
+}
+
+bool file_delete(const std::string& dosPath) {
+  std::string host;
+  if (fault_check(FaultPoint::FileDelete) || !map(dosPath, host)) return false;
+  return DeleteFileA(host.c_str()) != 0;
+}
+
+bool file_replace(const std::string& dosFrom, const std::string& dosTo) {
+  std::string from, to;
+  if (fault_check(FaultPoint::FileReplace) || !map(dosFrom, from) || !map(dosTo, to)) return false;
+  const DWORD target = GetFileAttributesA(to.c_str());
+  if (target != INVALID_FILE_ATTRIBUTES) {
+    if ((target & FILE_ATTRIBUTE_DIRECTORY) != 0) return false;
+    // Best effort: the new file keeps the old one's hidden, system and archive marks.
+    const DWORD source = GetFileAttributesA(from.c_str());
+    if (source != INVALID_FILE_ATTRIBUTES && (target & kKeptAttributes) != 0)
+      SetFileAttributesA(from.c_str(), (source & ~kKeptAttributes & ~FILE_ATTRIBUTE_NORMAL) | (target & kKeptAttributes));
+  }
+  // Write-through: the call returns once the new name is on the disk.
+  return MoveFileExA(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+}
+
+bool disk_free_space(const std::string& dosPath, uint64_t& freeToCaller, uint64_t* total, uint64_t* totalFree) {
+  std::string host;
+  if (!map(dosPath, host)) return false;
+  const DWORD attributes = GetFileAttributesA(host.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) return false;
+  if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    const size_t cut = host.find_last_of("\\/");
+    if (cut != std::string::npos) host = host.substr(0, cut + 1);
+  }
+  ULARGE_INTEGER available, all, free;
+  if (!GetDiskFreeSpaceExA(host.c_str(), &available, &all, &free)) return false;
+  freeToCaller = available.QuadPart;
+  if (total != nullptr) *total = all.QuadPart;
+  if (totalFree != nullptr) *totalFree = free.QuadPart;
+  return true;
+}
+
+}  // namespace kvos
