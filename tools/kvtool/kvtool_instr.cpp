@@ -258,6 +258,7 @@ void print_tree(InstrHandle& h, bool lines) {
   }
 }
 
+const char* const kDepthNote = "Documents whose sections are nested deeper than 1000 levels are refused.";
 const char* const kLimits =
     "FILE arguments are host paths. A rewritten file is read back first and is left as it is unless it\n"
     "reads back the same; symbolic links are written through, anything but a regular file is refused.\n"
@@ -292,6 +293,7 @@ void setup_instr_command(CLI::App& app, int& exitCode) {
   tree->add_option("file", treeFile, "File to print")->required();
   tree->add_flag("--lines", treeLines, "Show the line each item was read from");
   treeHeader.add_to(tree);
+  tree->footer(kDepthNote);
   tree->callback([&exitCode] {
     exitCode = 1;
     kvtool::UserFile file("kvtool instr tree", treeFile);
@@ -345,7 +347,8 @@ void setup_instr_command(CLI::App& app, int& exitCode) {
   set->add_option("value", setValue, "The new value")->required();
   set->add_flag("--force", setForce, "Replace a read-only file too");
   setHeader.add_to(set);
-  set->footer("A value that begins with \"-\" goes after \"--\": kvtool instr set FILE Axis/Offset -- -0.5");
+  set->footer(std::string("A value that begins with \"-\" goes after \"--\": kvtool instr set FILE Axis/Offset -- -0.5\n") +
+              kDepthNote);
   set->callback([&exitCode] {
     exitCode = 1;
     std::vector<std::string> parts;
@@ -375,6 +378,7 @@ void setup_instr_command(CLI::App& app, int& exitCode) {
   fmt->add_option("file", fmtFile, "File to rewrite")->required();
   fmt->add_flag("--force", fmtForce, "Replace a read-only file too");
   fmtHeader.add_to(fmt);
+  fmt->footer(kDepthNote);
   fmt->callback([&exitCode] {
     exitCode = 1;
     kvtool::UserFile file("kvtool instr fmt", fmtFile);
