@@ -4,7 +4,9 @@
 // that was named.
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <utility>
 
 #include "kvos/hostfile.h"
 
