@@ -7,6 +7,15 @@ install(TARGETS SystemKvCore ZubCore KvOs EXPORT SystemKvCoreTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)
 install(TARGETS kvtool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# The build-tree search path (cmake/KvRunpath.cmake) is no use once installed.
+foreach(target SystemKvCore ZubCore KvOs kvtool)
+  get_target_property(type ${target} TYPE)
+  set(dir ${CMAKE_INSTALL_LIBDIR})
+  if(type STREQUAL "EXECUTABLE")
+    set(dir ${CMAKE_INSTALL_BINDIR})
+  endif()
+  install(CODE "file(RPATH_REMOVE FILE \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${dir}/$<TARGET_FILE_NAME:${target}>\")")
+endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/ZubCore/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/os/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)

@@ -302,3 +302,15 @@ TEST_F(Cwd, DriveTableInterfaceForHosts) {
   EXPECT_FALSE(dos_to_host_path("\\\\server\\share\\f.txt", host));
   network_root_set(savedNetwork.c_str());
 }
+
+// With c: remapped elsewhere, a program on no drive stops at load and says what to map.
+TEST(CwdAtLoad, AnExecutableOnNoDriveNamesItsDirectory) {
+  kvtest::TempDir tmp;
+  const std::string exe = kvos::executable_path(), err = tmp.file("stderr");
+  const int status = std::system(
+      ("KVCORE_DRIVES='c=" + tmp.path() + "' '" + exe + "' --gtest_list_tests >/dev/null 2>'" + err + "'").c_str());
+  EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  const std::string wanted = "the executable's directory " + fs::path(exe).parent_path().string() +
+                             " is on no drive; map it in KVCORE_DRIVES";
+  EXPECT_NE(kvtest::read_file(err).find(wanted), std::string::npos) << kvtest::read_file(err);
+}

@@ -341,3 +341,21 @@ TEST(TimerDiagnostics, PrintEveryClockForEveryCycle) {
 }
 
 }  // namespace
+
+// A completion that expiry queued is taken back when the timer is stopped,
+// started again or destroyed: it neither runs nor ends a later alertable sleep.
+TEST(TimerCancel, TakesBackACompletionThatExpiryQueued) {
+  for (const std::string how : {"stop", "restart", "destroy"}) {
+    std::atomic<int> fired{0};
+    auto timer = std::make_unique<Timer>(counting(fired));
+    timer->Wait(0.01);  // not alertable: the completion stays queued
+    if (how == "stop") timer->Stop();
+    if (how == "restart") timer->Start(60.0);
+    if (how == "destroy") timer.reset();
+    const Timer later(0.15);
+    const auto start = Clock::now();
+    SysManager::Sleep(400);
+    EXPECT_GE(ms_since(start), 100.0) << how << ": the sleep ended before the later timer";
+    EXPECT_EQ(fired.load(), 0) << how;
+  }
+}
