@@ -73,20 +73,20 @@ std::string expand_without_arguments(const char* text) {
       ++c;
       continue;
     }
-    std::string spec = "%";
-    while (*c != '\0' && std::strchr("-+ #0", *c) != nullptr) spec += *c++;
+    std::string directive = "%";
+    while (*c != '\0' && std::strchr("-+ #0", *c) != nullptr) directive += *c++;
     if (*c == '*') {
       ++c;  // a width argument of 0 is no width
     } else {
-      while (*c >= '0' && *c <= '9') spec += *c++;
+      while (*c >= '0' && *c <= '9') directive += *c++;
     }
     if (*c == '.') {
-      spec += *c++;
+      directive += *c++;
       if (*c == '*') {
-        spec += '0';
+        directive += '0';
         ++c;
       } else {
-        while (*c >= '0' && *c <= '9') spec += *c++;
+        while (*c >= '0' && *c <= '9') directive += *c++;
       }
     }
     while (*c != '\0' && std::strchr("hlLqjzt", *c) != nullptr) ++c;  // sizes do not matter for zero
@@ -96,26 +96,26 @@ std::string expand_without_arguments(const char* text) {
       continue;
     }
     ++c;
-    spec += conversion;
+    directive += conversion;
     char piece[512];
     int n = 0;
     switch (conversion) {
       case 'd': case 'i': case 'c':
-        n = std::snprintf(piece, sizeof piece, spec.c_str(), 0);
+        n = std::snprintf(piece, sizeof piece, directive.c_str(), 0);
         break;
       case 'o': case 'u': case 'x': case 'X':
-        n = std::snprintf(piece, sizeof piece, spec.c_str(), 0u);
+        n = std::snprintf(piece, sizeof piece, directive.c_str(), 0u);
         break;
       case 's':
-        n = std::snprintf(piece, sizeof piece, spec.c_str(), "(null)");
+        n = std::snprintf(piece, sizeof piece, directive.c_str(), "(null)");
         break;
       case 'p':
-        n = std::snprintf(piece, sizeof piece, spec.c_str(), static_cast<void*>(nullptr));
+        n = std::snprintf(piece, sizeof piece, directive.c_str(), static_cast<void*>(nullptr));
         break;
       case 'n':
         break;
       default:
-        n = std::snprintf(piece, sizeof piece, spec.c_str(), 0.0);
+        n = std::snprintf(piece, sizeof piece, directive.c_str(), 0.0);
         break;
     }
     if (n > 0) out.append(piece, static_cast<size_t>(n) < sizeof piece ? static_cast<size_t>(n) : sizeof piece - 1);
