@@ -220,6 +220,17 @@ bool file_set_time(file_t file, int64_t lastWriteUtc) {
   return futimens(fd_of(file), times) == 0;
 }
 
+bool file_touch(const std::string& dosPath) {
+  std::string host;
+  if (fault_check(FaultPoint::FileSetTime) || !map(dosPath, host)) return false;
+  timespec times[2];
+  times[0].tv_sec = 0;
+  times[0].tv_nsec = UTIME_OMIT;
+  times[1].tv_sec = 0;
+  times[1].tv_nsec = UTIME_NOW;
+  return utimensat(AT_FDCWD, host.c_str(), times, 0) == 0;
+}
+
 bool file_delete(const std::string& dosPath) {
   std::string host;
   if (fault_check(FaultPoint::FileDelete) || !map(dosPath, host)) return false;
