@@ -115,27 +115,8 @@ BENCHMARK(BM_BacktraceSymbols30Frames)->Unit(benchmark::kMillisecond);
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  kvbench::RecordingReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  const auto& times = reporter.times();
-  std::printf("\n%-58s %10s %8s\n", "time (ms)", "measured", "limit");
-  const struct {
-    const char* label;
-    const char* name;
-    double limit;
-  } limits[] = {{"map load + sort, 50k symbols", "BM_MapLoadAndSort50k", 50.0},
-                {"GetStackInformation, 30 frames, 50k-symbol map", "BM_StackDump30Frames", 100.0}};
-  for (const auto& limit : limits) {
-    const auto found = times.find(limit.name);
-    if (found != times.end())
-      std::printf("%-58s %10.2f %8.0f %s\n", limit.label, found->second, limit.limit,
-                  found->second <= limit.limit ? "ok" : "OVER");
-  }
-  const auto ours = times.find("BM_StackDump30Frames");
-  const auto other = times.find("BM_BacktraceSymbols30Frames");
-  if (ours != times.end() && other != times.end() && other->second > 0)
-    std::printf("%-58s %10.2f %8s\n", "ratio: stack dump / backtrace_symbols", ours->second / other->second, "-");
-  benchmark::Shutdown();
-  return 0;
+  return kvbench::run_with_ratios(
+      argc, argv, {{"stack dump / backtrace_symbols", "BM_StackDump30Frames", "BM_BacktraceSymbols30Frames", 0.0}},
+      {{"map load + sort, 50k symbols (ms)", "BM_MapLoadAndSort50k", 50.0},
+       {"GetStackInformation, 30 frames, 50k-symbol map (ms)", "BM_StackDump30Frames", 100.0}});
 }
