@@ -6,7 +6,7 @@ install(TARGETS SystemKvCore ZubCore KvOs EXPORT SystemKvCoreTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)
-install(TARGETS kvtool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS kvtool EXPORT SystemKvCoreTargets RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # The build-tree search path (cmake/KvRunpath.cmake) is no use once installed.
 foreach(target SystemKvCore ZubCore KvOs kvtool)
   get_target_property(type ${target} TYPE)
@@ -28,6 +28,7 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/SystemKvCoreConfigV
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/SystemKvCoreConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/SystemKvCoreConfigVersion.cmake
+              ${PROJECT_SOURCE_DIR}/cmake/KvCoreMapFile.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/SystemKvCore)
 
 configure_file(${PROJECT_SOURCE_DIR}/cmake/SystemKvCore.pc.in ${CMAKE_CURRENT_BINARY_DIR}/SystemKvCore.pc @ONLY)

@@ -12,6 +12,7 @@
 #include "MEASURE.h"
 #include "PanelState.h"
 #include "ProcessManager.h"
+#include "StackWriter.h"
 #include "TackHand.h"
 #include "TerminationManager.h"
 #include "debuglog.h"
