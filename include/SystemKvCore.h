@@ -11,6 +11,7 @@
 #include "MEASURE.h"
 #include "PanelState.h"
 #include "ProcessManager.h"
+#include "Rs232if.h"
 #include "TackHand.h"
 #include "TerminationManager.h"
 #include "filetime.h"
