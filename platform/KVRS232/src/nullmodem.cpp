@@ -13,7 +13,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <unordered_map>
 
 #include "KVRS232.h"
 #include "kvrs232_internal.h"
@@ -86,19 +85,6 @@ struct Cable {
   }
 };
 
-// The open cables. Never destroyed: a cable still open when the process ends
-// keeps relaying until the very end.
-struct CableTable {
-  std::mutex mutex;
-  std::unordered_map<uintptr_t, std::unique_ptr<Cable>> cables;
-  uintptr_t next = 0x100;
-};
-
-CableTable& open_cables() {
-  static CableTable* const table = new CableTable;
-  return *table;
-}
-
 // Opens a new pseudo-terminal; its master side non-blocking, its terminal side raw and held.
 bool open_pair(int& master, int& held, std::string& device) {
   master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
@@ -122,7 +108,7 @@ int KvRS232NullModemOpen(void** cable, int portA, int portB) {
   if (cable == nullptr) return KVRS232_ERR_ARGUMENT;
   *cable = nullptr;
   if (portA < 1 || portB < 1 || portA == portB) return KVRS232_ERR_PORT;
-  auto made = std::make_unique<Cable>();
+  auto made = std::make_shared<Cable>();
   std::string devices[2];
   for (int end = 0; end < 2; ++end)
     if (!open_pair(made->masters[end], made->held[end], devices[end])) return KVRS232_ERR_RESOURCES;
@@ -134,27 +120,16 @@ int KvRS232NullModemOpen(void** cable, int portA, int portB) {
   made->mapped = true;
   Cable* relay = made.get();
   made->relay = std::thread([relay] { relay->run(); });
-  CableTable& table = open_cables();
-  std::lock_guard<std::mutex> lock(table.mutex);
-  const uintptr_t id = table.next++;
-  table.cables[id] = std::move(made);
-  *cable = reinterpret_cast<void*>(id);
+  *cable = HandleTable<Cable>::instance().add(std::move(made));
   return KVRS232_OK;
 }
 
 int KvRS232NullModemClose(void** cable) {
   if (cable == nullptr) return KVRS232_ERR_ARGUMENT;
-  std::unique_ptr<Cable> closing;
-  {
-    CableTable& table = open_cables();
-    std::lock_guard<std::mutex> lock(table.mutex);
-    const auto found = table.cables.find(reinterpret_cast<uintptr_t>(*cable));
-    if (found == table.cables.end()) return KVRS232_ERR_HANDLE;
-    closing = std::move(found->second);
-    table.cables.erase(found);
-  }
+  std::shared_ptr<Cable> closing = HandleTable<Cable>::instance().take(*cable);
+  if (!closing) return KVRS232_ERR_HANDLE;
   *cable = nullptr;
-  closing.reset();
+  closing.reset();  // stops the relay and closes the terminals
   return KVRS232_OK;
 }
 

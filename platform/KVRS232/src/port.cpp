@@ -1,6 +1,4 @@
-// The nine port functions over termios. A handle is a number in a table of
-// open ports, so a closed or unknown handle is refused instead of followed.
-// Every call holds a use of its port; closing takes the port out of the table,
+// The nine port functions over termios. Every call holds a use of its port; closing takes the port out of the table,
 // wakes the calls that wait (an event in each of their polls) and releases
 // the device once the last use has ended.
 #include <fcntl.h>
@@ -17,7 +15,6 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <unordered_map>
 
 #include "KVRS232.h"
 #include "kvrs232_internal.h"
@@ -54,31 +51,14 @@ struct Port {
   }
 };
 
-// The open ports. Never destroyed: a port still open when the process ends
-// stays valid for threads that use it until the very end.
-struct PortTable {
-  std::mutex mutex;
-  std::unordered_map<uintptr_t, std::shared_ptr<Port>> ports;
-  uintptr_t next = 0x100;
-};
-
-PortTable& open_ports() {
-  static PortTable* const table = new PortTable;
-  return *table;
-}
-
 // A use of an open port for the length of one call.
 class Use {
  public:
-  explicit Use(void* handle) {
-    PortTable& table = open_ports();
-    std::lock_guard<std::mutex> lock(table.mutex);
-    const auto found = table.ports.find(reinterpret_cast<uintptr_t>(handle));
-    if (found == table.ports.end()) return;
-    port_ = found->second;
-    std::lock_guard<std::mutex> portLock(port_->mutex);
-    ++port_->uses;
-  }
+  explicit Use(void* handle)
+      : port_(HandleTable<Port>::instance().find(handle, [](Port& port) {
+          std::lock_guard<std::mutex> lock(port.mutex);
+          ++port.uses;
+        })) {}
   ~Use() {
     if (!port_) return;
     std::lock_guard<std::mutex> lock(port_->mutex);
@@ -264,11 +244,7 @@ int KvRS232CommOpen(void** handle, int port) {
   if (ioctl(opened->fd, TIOCEXCL) != 0 || !make_raw(opened->fd)) return KVRS232_ERR_OPEN;
   opened->wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (opened->wake < 0) return KVRS232_ERR_RESOURCES;
-  PortTable& table = open_ports();
-  std::lock_guard<std::mutex> lock(table.mutex);
-  const uintptr_t id = table.next++;
-  table.ports[id] = std::move(opened);
-  *handle = reinterpret_cast<void*>(id);
+  *handle = HandleTable<Port>::instance().add(std::move(opened));
   return KVRS232_OK;
 }
 
@@ -391,15 +367,8 @@ int KvRS232CommFlush(void* handle) {
 
 int KvRS232CommClose(void** handle) {
   if (handle == nullptr) return KVRS232_ERR_ARGUMENT;
-  std::shared_ptr<Port> port;
-  {
-    PortTable& table = open_ports();
-    std::lock_guard<std::mutex> lock(table.mutex);
-    const auto found = table.ports.find(reinterpret_cast<uintptr_t>(*handle));
-    if (found == table.ports.end()) return KVRS232_ERR_HANDLE;
-    port = std::move(found->second);
-    table.ports.erase(found);
-  }
+  std::shared_ptr<Port> port = HandleTable<Port>::instance().take(*handle);
+  if (!port) return KVRS232_ERR_HANDLE;
   *handle = nullptr;
   // Wake the calls that wait on the port, then let them leave before the
   // device is released, so that none of them touches a descriptor reused since.
