@@ -70,8 +70,6 @@ const SerialModule& serial_module() {
 
 }  // namespace
 
-Rs232ifMan::Rs232ifMan() = default;
-
 int Rs232ifMan::CommOpen(void** handle, int port) {
   const SerialModule& m = serial_module();
   return m.loaded ? m.open(handle, port) : KVRS232_ERR_MODULE;

@@ -22,8 +22,6 @@
 
 class KVCORE_API Rs232ifMan {
  public:
-  Rs232ifMan();
-
   static int CommOpen(void** handle, int port);
   static int CommInit(void* handle, int baud, int dataBits, int parity, int stopBits);
   static int CommIo(void* handle, int operation, void* buffer, size_t length, size_t* transferred);

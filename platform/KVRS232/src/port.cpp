@@ -82,9 +82,18 @@ bool timeout_value(int value, uint32_t& out) {
   return true;
 }
 
+// Time-outs of 2^40 ms (about 35 years) and more are without limit; below
+// that, the deadline fits the clock's nanoseconds with room to spare.
+constexpr uint64_t kNoLimitMs = uint64_t{1} << 40;
+
+// Multiplier times the count plus constant, in milliseconds, without overflow.
+uint64_t total_ms(uint32_t multiplier, size_t length, uint32_t constant) {
+  if (multiplier != 0 && length > kNoLimitMs / multiplier) return kNoLimitMs;
+  return uint64_t{multiplier} * length + constant;
+}
+
 Clock::time_point after_ms(Clock::time_point start, uint64_t ms) {
-  // About 584 years of milliseconds fit; anything near that is "without limit".
-  if (ms >= (uint64_t{1} << 42)) return Clock::time_point::max();
+  if (ms >= kNoLimitMs) return Clock::time_point::max();
   return start + std::chrono::milliseconds(ms);
 }
 
@@ -139,7 +148,7 @@ int read_bytes(Port& port, char* buffer, size_t length, size_t& got) {
   if (firstByte)
     total = after_ms(start, t.constant);
   else if (t.multiplier != 0 || t.constant != 0)
-    total = after_ms(start, uint64_t{t.multiplier} * length + t.constant);
+    total = after_ms(start, total_ms(t.multiplier, length, t.constant));
   Clock::time_point lastByte{};
   bool sawHangup = false;
   for (;;) {
@@ -179,7 +188,7 @@ int write_bytes(Port& port, const char* buffer, size_t length, size_t& done) {
   }
   Clock::time_point deadline = Clock::time_point::max();
   if (t.multiplier != 0 || t.constant != 0)
-    deadline = after_ms(Clock::now(), uint64_t{t.multiplier} * length + t.constant);
+    deadline = after_ms(Clock::now(), total_ms(t.multiplier, length, t.constant));
   bool sawHangup = false;
   for (;;) {
     // A terminal raises no SIGPIPE: a far end that is gone shows as EIO.
