@@ -1,7 +1,7 @@
 # Installation: libraries, headers, a CMake package and a pkg-config file.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS SystemKvCore ZubCore KvOs EXPORT SystemKvCoreTargets
+install(TARGETS SystemKvCore ZubCore KvOs KVRS232 EXPORT SystemKvCoreTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
@@ -19,6 +19,7 @@ endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/ZubCore/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/os/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/KVRS232/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)
 
 install(EXPORT SystemKvCoreTargets NAMESPACE SystemKvCore:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/SystemKvCore)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/SystemKvCoreConfig.cmake.in

@@ -12,6 +12,7 @@
 #include "MEASURE.h"
 #include "PanelState.h"
 #include "ProcessManager.h"
+#include "Rs232if.h"
 #include "StackWriter.h"
 #include "TackHand.h"
 #include "TerminationManager.h"
