@@ -1,6 +1,9 @@
 // Helpers shared by the test suites.
 #include "test_support.h"
 
+#include <gtest/gtest.h>
+
+#include "kvos/drives.h"
 #include "sysman.h"
 
 #include <sys/wait.h>
@@ -90,6 +93,14 @@ int run_in_child(const std::function<int()>& body) {
   waitpid(pid, &status, 0);
   return status;
 }
+
+std::string dos_path(const std::string& host) {
+  std::string path;
+  EXPECT_TRUE(kvos::host_to_dos(host, path)) << host;
+  return path;
+}
+
+int child_result(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status); }
 
 void write_file(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
