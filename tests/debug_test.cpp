@@ -101,21 +101,6 @@ TEST(DebugOutput, WithoutALoggingServiceNothingHappens) {
   EXPECT_EQ(sink.text(), "back\n");
 }
 
-TEST(DebugOutput, AReplacedServiceGetsTheLines) {
-  Zub::Core::LogManager replacement;
-  struct Sink : Zub::Core::LogSink {
-    std::string text;
-    void Write(const std::string&, int, const std::string& t) override { text += t; }
-  } sink;
-  replacement.AddSink(&sink);
-  Zub::Core::LogManager* original = Zub::Core::LogManager::Install(&replacement);
-  DebugManager::DebugFlagSet(dbgGui, true);
-  Debug(dbgGui, "to the replacement %d\n", 3);
-  Zub::Core::LogManager::Install(original);
-  Debug(dbgGui, "not to the replacement\n");
-  EXPECT_EQ(sink.text, "to the replacement 3\n");
-}
-
 namespace {
 
 // Appends characters one at a time with a pause between them, so that two

@@ -103,18 +103,6 @@ TEST_F(DriveTable, DosPathsMapToHostPathsAndBack) {
   EXPECT_EQ(to_dos("/"), "c:\\");
 }
 
-TEST_F(DriveTable, UnmappedAndPseudoDrivesHaveNoHostPath) {
-  ASSERT_TRUE(kvos::drive_root('p').empty() || kvos::drive_unmap('p'));
-  for (const char* none : {"p:\\x", "!:\\x", "&:\\x", ""}) EXPECT_EQ(to_host(none), "<none>") << none;
-  EXPECT_EQ(kvos::file_attributes("!:\\"), kvos::kInvalidFileAttributes);
-
-  // Without a drive on "/", host paths outside the mapped drives have no DOS name.
-  for (const auto& [letter, root] : kvos::drive_list())
-    if (letter != 'q') kvos::drive_unmap(letter);
-  EXPECT_EQ(to_dos("/usr/lib"), "<none>");
-  EXPECT_EQ(to_dos(root_ + "/y"), "q:\\y");
-}
-
 TEST_F(DriveTable, MappingRulesAndListing) {
   for (const auto& [letter, root] : {std::pair{'1', "/tmp"}, {'!', "/tmp"}, {'r', "relative/dir"}, {'r', ""}})
     EXPECT_FALSE(kvos::drive_map(letter, root)) << letter << root;

@@ -383,31 +383,6 @@ TEST(PathNameCompose, PartsReplaceAndRecompose) {
   EXPECT_FALSE(n.is_valid() || n.dir().is_valid() || n.file().is_valid());
 }
 
-TEST(PathNameCompare, EqualityAndMatching) {
-  EXPECT_TRUE(pathname("C:\\a\\b") == pathname("c:\\a\\.\\b"));
-  EXPECT_TRUE(pathname("c:\\a\\B") != pathname("c:\\a\\b"));
-  EXPECT_TRUE(pathname("c:\\..") == pathname(""));
-  const pathname pattern("c:\\data\\*.txt");
-  EXPECT_TRUE(pathname("c:\\data\\NOTES.TXT").match(pattern));
-  EXPECT_FALSE(pathname("c:\\data\\sub\\a.txt").match(pattern)) << "another directory";
-  EXPECT_FALSE(pathname("c:\\Data\\a.txt").match(pattern)) << "directories compare exactly";
-  EXPECT_FALSE(pathname("c:\\data\\a.doc").match(pattern));
-  EXPECT_FALSE(pathname("c:\\data\\a.txt").match(pathname())) << "an invalid pattern";
-}
-
-TEST(PathNameDisk, ExistsLooksAtTheHostFile) {
-  kvtest::TempDir tmp;
-  const std::string real = std::filesystem::canonical(tmp.path()).string();
-  kvtest::write_file(real + "/Present.txt", "x");
-  const std::string dos = kvtest::dos_path(real);
-  EXPECT_TRUE(pathname((dos + "\\Present.txt").c_str()).exists());
-  EXPECT_TRUE(pathname((dos + "\\PRESENT.TXT").c_str()).exists()) << "names written on Windows keep working";
-  EXPECT_TRUE(pathname(dos.c_str()).exists()) << "a directory exists too";
-  EXPECT_FALSE(pathname((dos + "\\absent.txt").c_str()).exists());
-  EXPECT_FALSE(pathname().exists());
-  EXPECT_FALSE(pathname("!:\\x").exists());
-}
-
 // ---------------------------------------------------------------------------
 // FileName and the placeholder
 

@@ -113,19 +113,6 @@ TEST(InstrWrite, OutputBufferDoublesFromFourKilobytes) {
   KvOperatorDelete(t);
 }
 
-TEST(InstrWrite, FileWriteIsByteExactAndFailureIsReported) {
-  kvtest::TempDir dir;
-  InstrHandle h(dos_path(dir.file("params.dat")).c_str());
-  h.AddInt("Count", 3);
-  EXPECT_TRUE(h.Write());
-  EXPECT_EQ(h.Buf(), nullptr);  // written to the file, not kept in memory
-  EXPECT_EQ(kvtest::read_file(dir.file("params.dat")), "Korvalis Data File\r\n\r\nCount = 3\r\n");
-  InstrHandle missingDir(dos_path(dir.file("no/such/dir/x.dat")).c_str());
-  EXPECT_FALSE(missingDir.Write());
-  EXPECT_TRUE(!missingDir);
-  EXPECT_EQ(missingDir.ErrStr(), nullptr);
-}
-
 TEST(InstrRead, RecordsSectionsCommentsContinuationsAndLineNumbers) {
   MemDoc d(
       "# leading comment\r\n"

@@ -458,18 +458,6 @@ TEST(SysManagerExit, WritesItsLineOnlyWhenInitialized) {
   EXPECT_EQ(sink.text(), "\nCSL: SysManager::Exit called\n");
 }
 
-TEST(SysManagerSleep, IsAlertable) {
-  int ran = 0;
-  kvos::ThreadRef::current().queue_completion([&] { ++ran; });
-  const auto start = std::chrono::steady_clock::now();
-  SysManager::Sleep(5000);
-  EXPECT_EQ(ran, 1);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << "the completion ended the sleep";
-  const auto again = std::chrono::steady_clock::now();
-  SysManager::Sleep(30);
-  EXPECT_GE(std::chrono::steady_clock::now() - again, std::chrono::milliseconds(30));
-}
-
 TEST(SysManagerStackTraceDir, OnlyACreatedDirectoryIsRecorded) {
   kvtest::TempDir dir;
   kvtest::CategoryScope csl(dbgCSL);
