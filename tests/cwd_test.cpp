@@ -129,6 +129,7 @@ TEST_F(Cwd, DirAndDriveExist) {
     EXPECT_EQ(drive_exists(letter), exists) << letter;
   drive_unmap('r');
   bool removable = true, remote = true;
+  EXPECT_TRUE(drive_exists('!', removable, remote));
   EXPECT_FALSE(drive_exists('p', removable, remote));
   EXPECT_FALSE(removable || remote) << "outputs are cleared first";
   EXPECT_TRUE(drive_exists('q', removable, remote));

@@ -97,6 +97,8 @@ TEST_F(DriveTable, DosPathsMapToHostPathsAndBack) {
   mkdirs("DATA");
   EXPECT_EQ(to_host("q:\\data"), root_ + "/DATA");
   EXPECT_EQ(to_host("q:\\Data"), root_ + "/Data");
+  EXPECT_EQ(to_host(""), "<none>");
+  EXPECT_EQ(to_host("!:\\x"), "<none>") << "the pseudo drives have no host directory";
 
   if (kvos::drive_root('c') != "/") GTEST_SKIP() << "c: is remapped by KVCORE_DRIVES";
   EXPECT_EQ(to_host("C:/tmp/x"), "/tmp/x") << "either case, either separator";
@@ -120,6 +122,10 @@ TEST_F(DriveTable, MappingRulesAndListing) {
   EXPECT_TRUE(sawQ && sawR);
   EXPECT_TRUE(kvos::drive_unmap('r'));
   EXPECT_EQ(to_host("r:\\x"), "<none>");
+  // Without a drive on "/", host paths outside the mapped drives have no DOS name.
+  for (const auto& [letter, root] : kvos::drive_list())
+    if (letter != 'q') kvos::drive_unmap(letter);
+  EXPECT_EQ(to_dos("/usr/lib"), "<none>");
 }
 
 TEST_F(DriveTable, RootReachedThroughALinkIsRecognised) {

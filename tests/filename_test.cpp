@@ -224,7 +224,7 @@ TEST(DirNameParse, RelativeTextResolvesAgainstTheObjectOrTheStartDirectory) {
   };
   // Each step applies to the directory the previous one left.
   const Step steps[] = {
-      {"c:\\a", "c:\\a"}, {"sub", "c:\\a\\sub"}, {"..", "c:\\a"}, {"\\y\\z", "c:\\y\\z"},  // rooted text keeps the drive
+      {"c:\\", "c:\\"}, {"a", "c:\\a"}, {"sub", "c:\\a\\sub"}, {"..", "c:\\a"}, {"\\y\\z", "c:\\y\\z"},  // rooted text keeps the drive
       {"\\\\srv\\share", "\\\\srv\\share"},  // a network path replaces the directory
       {"\\top", "\\\\srv\\share\\top"}, {"..\\x", "\\\\srv\\share\\x"}, {"..\\..", "\\\\srv"},
       {"..", ""},  // climbing above the server

@@ -273,6 +273,7 @@ TEST_F(Heaps, BadFreesAreCaughtWhereTheHeapCanTell) {
   EXPECT_EQ(abort_text([&] { KvOperatorDelete(p + 8); }), expected) << "interior pointer";
   KvOperatorDelete(p);
   EXPECT_EQ(abort_text([&] { KvOperatorDelete(p); }), expected) << "second free";
+  EXPECT_EQ(abort_text([&] { heapman_mgr::deallocator(p); }), expected);
   EXPECT_TRUE(kvos::region_heap_validate(static_cast<kvos::region_heap>(h->get_handle())));
   EXPECT_EQ(heapman_mgr::get_size(keep), 64u) << "the heap is unharmed";
 

@@ -250,6 +250,7 @@ TEST_F(HeapDiagnostics, OverrunsAreFoundByCheck) {
   const char saved = a[40];
   a[40] = static_cast<char>(saved ^ 0x5A);
   EXPECT_EQ(abort_text([] { heapman_mgr::check(); }), "Heap check failure: HeapValidate, heap: victim");
+  EXPECT_EQ(abort_text([] { HeapDumpSummary(); }), "Heap check failure: HeapValidate, heap: victim");
   EXPECT_EQ(abort_text([&] { heapman_mgr::get_alloc(h); }), "Heap check failure: HeapValidate, heap: victim");
   a[40] = saved;
   EXPECT_NO_THROW(heapman_mgr::check());

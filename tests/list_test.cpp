@@ -101,6 +101,7 @@ TEST(DLlist, InsertPositionsRemovalAndOwnership) {
   loose.InsertBefore(&spare);  // in no list: nothing happens
   loose.InsertAfter(&spare);
   EXPECT_EQ(spare.Parent(), nullptr);
+  EXPECT_EQ(spare.TreeTop(), nullptr);
   Branch other(2, false);
   EXPECT_EQ(other.Index(b), -1);
   other.Remove(b, false);  // not its element

@@ -243,6 +243,7 @@ TEST_F(RegionHeap, BadFreesFailCleanly) {
   ASSERT_TRUE(kvos::region_heap_free(fixed, a));  // merges with b's space
   EXPECT_FALSE(kvos::region_heap_free(fixed, b)) << "second free of a merged block";
   EXPECT_FALSE(kvos::region_heap_free(fixed, a));
+  EXPECT_EQ(kvos::region_heap_size(fixed, a), SIZE_MAX);
   EXPECT_TRUE(kvos::region_heap_validate(fixed));
   EXPECT_EQ(walk(fixed).busy, 1u);
   EXPECT_TRUE(kvos::region_heap_free(fixed, c));

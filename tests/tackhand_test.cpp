@@ -109,6 +109,9 @@ TEST_F(TackHandTest, HostResourcesAreCopiedHideBuiltInOnesAndCanBeRemoved) {
 
   // An empty resource yields no data.
   ASSERT_TRUE(TackResourceAdd("empty.bin", nullptr, 0));
+  size_t size = 99;
+  EXPECT_TRUE(TackResourceExists("empty.bin", &size));
+  EXPECT_EQ(size, 0u);
   TackHand empty("empty.bin");
   EXPECT_EQ(*empty.TackOpen(), nullptr);
   EXPECT_TRUE(TackResourceRemove("empty.bin"));
@@ -128,6 +131,8 @@ TEST_F(TackHandTest, AmpersandNamesAndTheLocalList) {
   // "&" with directories: the last component, as a resource.
   TackHand amp("&C:\\Some\\Dir\\Example.Ins");
   EXPECT_EQ(bytes_of(amp.TackOpen()), example);
+  TackHand bare("&example.ins");
+  EXPECT_EQ(bytes_of(bare.TackOpen()), example);
   EXPECT_EQ(sink.text().find("Local bin files in use"), std::string::npos);
 
   // Listed as local: the bare name is read from the working directory.

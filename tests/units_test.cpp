@@ -167,6 +167,7 @@ TEST(UnitList, SingleSlotMovesBetweenShapes) {
   l.RemoveUnit(l.FirstUnit());
   EXPECT_EQ(l.Count(), 0) << "the survivor moves to the single slot";
   EXPECT_EQ(shape(l), "2/4");
+  EXPECT_EQ(l.FirstUnit(), l.LastUnit());
 
   UnitElt stranger(Volt);
   l.RemoveUnit(&stranger);  // not a factor of the list: ignored
@@ -266,6 +267,7 @@ TEST(UnitsScale, FactorsBetweenCompatibleUnitsAndZeroOtherwise) {
   for (const Case& c : cases) EXPECT_DOUBLE_EQ(Units(c.from).Scale(Units(c.to)), c.scale) << c.from << " " << c.to;
   EXPECT_FALSE(Units("nm").SameType(Units("nV")));
   EXPECT_TRUE(Units("nm*V") == Units("V*nm"));
+  EXPECT_TRUE(Units("nm") != Units("um"));
   EXPECT_TRUE(Units("nm/V") != Units("nm/s"));
 }
 

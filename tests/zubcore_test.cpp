@@ -194,6 +194,7 @@ TEST(ZubLogging, DebugRulesMatchFullNamesLastComponentsOrAll) {
   EXPECT_TRUE(manager.GetSeverityFilters("korvalis.zoom") & debug);
   EXPECT_FALSE(manager.GetSeverityFilters("Korvalis.Mouse") & debug);
   EXPECT_FALSE(manager.GetSeverityFilters("Other.CSLX") & debug);
+  EXPECT_FALSE(manager.GetSeverityFilters("Plain") & debug);
 
   LogManager everything;
   everything.SetDebugRules("all");
@@ -233,6 +234,7 @@ TEST(ZubPathName, QueriesAndDirectoryCreation) {
   EXPECT_TRUE(sub.IsDirectory());
   EXPECT_FALSE(sub.CreateDirectory()) << "already there";
   EXPECT_FALSE((sub / "a" / "b").CreateDirectory()) << "parent missing";
+  EXPECT_EQ(PathName("/data/run/file.txt").GetBase(), "file.txt");
   EXPECT_EQ(PathName("/data/run/file.txt").GetBranch().ToString(), "/data/run");
   EXPECT_EQ(PathName("/data/run/").GetBase(), "run");
   EXPECT_FALSE(PathName("").Exists());
