@@ -692,6 +692,7 @@ TEST(InstrFlat, EveryFunctionOnALiveAndANullHandle) {
       STEP(InstrNextStr(h, f, v), false),           STEP(InstrSeek(h, InstrTypeBOS), true),
       STEP(InstrNextSection(h, inner), true),       STEP(InstrNextSection(h, inner), false),
       STEP(InstrNextRecord(h, a), false),           STEP(InstrFirstRecord(h, a), true),
+      STEP(InstrNextRecord(h, f), true),
       STEP(InstrChangeStr(h, a), true),             STEP(InstrChangeFloat(h, 1.25f), true),
       STEP(InstrChangeDouble(h, 2.0), true),        STEP(InstrChangeFileName(h, FileName("c:\\z")), true),
       STEP(InstrDeleteItem(h), true),               STEP(InstrClearSection(h), true),
