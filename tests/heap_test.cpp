@@ -237,29 +237,19 @@ TEST_F(Heaps, ReallocationKeepsTheOddSizeAndIgnoresFailure) {
 
 TEST_F(Heaps, FailedAllocationsRaiseHeapError) {
   heap* h = new (mainheap, kFile, __LINE__) heap("small", 100, heNONE);
+  heap* plain = new (mainheap, kFile, __LINE__) heap("huge", heWINHEAP);
+  EXPECT_EQ(kvtest::raised([&] { operator new(0x10000000, h, kFile, 12); }),
+            "Memory allocation error: 8 @ 143 | void *__cdecl kvHeapAlloc(void *,unsigned __int64)");
+  EXPECT_EQ(kvtest::raised([&] { operator new(size_t(1) << 52, plain, kFile, 77); }),
+            "Heap new failure. File: tests/heap Line: 77 @ 215 | "
+            "void *__cdecl operator new(unsigned __int64,class heap *,char *,int)");
   try {
     operator new(0x10000000, h, kFile, 12);
-    FAIL() << "no error";
   } catch (const CSL::Heap::HeapError& e) {
-    EXPECT_STREQ(e.what(), "Memory allocation error: 8");
     EXPECT_EQ(e.GetCategory(), "CSL Heap Error");
-    EXPECT_EQ(e.GetCodeContext().GetLine(), 143);
-    EXPECT_EQ(e.GetCodeContext().GetSignature(), "void *__cdecl kvHeapAlloc(void *,unsigned __int64)");
     EXPECT_EQ(e.GetCodeContext().GetBuildDate(), KvBuildDate());
+    EXPECT_THROW(e.Copy()->Throw(), CSL::Heap::HeapError) << "copies throw their own type";
   }
-  heap* plain = new (mainheap, kFile, __LINE__) heap("huge", heWINHEAP);
-  try {
-    operator new(size_t(1) << 52, plain, kFile, 77);
-    FAIL() << "no error";
-  } catch (const CSL::Heap::HeapError& e) {
-    EXPECT_STREQ(e.what(), "Heap new failure. File: tests/heap Line: 77");
-    EXPECT_EQ(e.GetCodeContext().GetLine(), 215);
-    EXPECT_EQ(e.GetCodeContext().GetSignature(),
-              "void *__cdecl operator new(unsigned __int64,class heap *,char *,int)");
-  }
-  // The error copies and throws itself as its own type.
-  CSL::Heap::HeapError original;
-  EXPECT_THROW(original.Copy()->Throw(), CSL::Heap::HeapError);
   EXPECT_NE(operator new(100, h, kFile, 1), nullptr) << "the heap works on after a failure";
   delete plain;
   delete h;

@@ -182,26 +182,13 @@ TEST(SysManagerFiles, FailedClosesAfterSettingTheTimeRaise) {
   kvtest::TempDir dir;
   kvtest::write_file(dir.file("t.txt"), "x");
   const std::string path = dos_path(dir.file("t.txt"));
+  const std::string signature = " | bool __cdecl SysManager::FileTime(char *,unsigned __int64)";
   kvos::fault_arm(kvos::FaultPoint::FileClose);
-  try {
-    SysManager::FileTime(path.c_str(), kPacked);
-    ADD_FAILURE() << "no error raised";
-  } catch (const SysManagerError& error) {
-    EXPECT_STREQ(error.what(), "CloseHandle() failed");
-    EXPECT_EQ(error.GetCodeContext().GetLine(), 618);
-    EXPECT_EQ(error.GetCodeContext().GetSignature(), "bool __cdecl SysManager::FileTime(char *,unsigned __int64)");
-  }
+  EXPECT_EQ(kvtest::raised([&] { SysManager::FileTime(path.c_str(), kPacked); }), "CloseHandle() failed @ 618" + signature);
   EXPECT_EQ(SysManager::FileTime(path.c_str()), kPacked) << "the time was set before the close failed";
-
   kvos::fault_arm(kvos::FaultPoint::FileClose);
   kvos::fault_arm(kvos::FaultPoint::FileSetTime);
-  try {
-    SysManager::FileTime(path.c_str(), kPacked);
-    ADD_FAILURE() << "no error raised";
-  } catch (const SysManagerError& error) {
-    EXPECT_STREQ(error.what(), "FileTime failure");
-    EXPECT_EQ(error.GetCodeContext().GetLine(), 611);
-  }
+  EXPECT_EQ(kvtest::raised([&] { SysManager::FileTime(path.c_str(), kPacked); }), "FileTime failure @ 611" + signature);
 }
 
 TEST(SysManagerFiles, ReadReportsAFileTimeItCannotRead) {

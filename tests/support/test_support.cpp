@@ -75,6 +75,16 @@ std::string abort_text(const std::function<void()>& body) {
   return "(no abort)";
 }
 
+std::string raised(const std::function<void()>& body) {
+  try {
+    body();
+  } catch (const Zub::Core::Error& e) {
+    return std::string(e.what()) + " @ " + std::to_string(e.GetCodeContext().GetLine()) + " | " +
+           e.GetCodeContext().GetSignature();
+  }
+  return "(no error)";
+}
+
 int run_in_child(const std::function<int()>& body) {
   std::fflush(nullptr);
   const pid_t pid = fork();

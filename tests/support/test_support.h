@@ -60,6 +60,9 @@ class TempDir {
 // The message of the SysManagerError that body raises, or "(no abort)".
 std::string abort_text(const std::function<void()>& body);
 
+// "message @ line | signature" of the Zub::Core error that body raises, or "(no error)".
+std::string raised(const std::function<void()>& body);
+
 // Runs body in a forked child process and returns its wait status.
 int run_in_child(const std::function<int()>& body);
 
