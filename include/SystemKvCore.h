@@ -1,4 +1,6 @@
-// SystemKvCore: every exported header of the library.
+// SystemKvCore: every exported header of the library, and the logging
+// service's sink interface (Zub::Core::LogSink, LogManager::AddSink and
+// RemoveSink) through which a host captures the library's debug output.
 #pragma once
 
 #include "ConsoleWindow.h"
@@ -21,3 +23,5 @@
 #include "heap.h"
 #include "sysman.h"
 #include "timers.h"
+
+#include "Zub/Core/LogManager.h"
