@@ -644,7 +644,15 @@ CWD::CWD() {
   // The executable's DOS path, read as into a 255-character buffer.
   std::string exe;
   size_t length = 0;
-  if (kvos::host_to_dos(kvos::executable_path(), exe)) length = exe.size() < 255 ? exe.size() : 255;
+  const std::string host = kvos::executable_path();
+  if (kvos::host_to_dos(host, exe)) {
+    length = exe.size() < 255 ? exe.size() : 255;
+  } else if (!host.empty()) {
+    // The drive table holds no drive for it (c: remapped): say what to map.
+    const std::string text = "the executable's directory " + host.substr(0, host.find_last_of('/')) +
+                             " is on no drive; map it in KVCORE_DRIVES";
+    sys_abort(text.c_str());
+  }
   if (length - 1 > 250) sys_abort(nullptr);
   exe_dir = pathname(exe.c_str()).dir();
 }

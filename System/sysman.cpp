@@ -9,6 +9,7 @@
 #include "ConsoleWindow.h"
 #include "DebugManager.h"
 #include "ProcessManager.h"
+#include "StackWriter.h"
 #include "Zub/Core/PathName.h"
 #include "heap.h"
 #include "kvinit.h"
@@ -196,7 +197,6 @@ std::string SysManager::UserString KV_INIT(KV_PRIO_SYSMAN);
 std::string SysManager::EquipString KV_INIT(KV_PRIO_SYSMAN);
 std::string SysManager::ImageString KV_INIT(KV_PRIO_SYSMAN);
 std::string SysManager::m_VersionString KV_INIT(KV_PRIO_SYSMAN);
-std::string SysManager::m_stackTraceDirPath KV_INIT(KV_PRIO_SYSMAN);
 SysManager SysMan KV_INIT(KV_PRIO_SYSMAN);
 
 void SysManager::Model(const char* text) { ModelString = text != nullptr ? text : ""; }
@@ -455,7 +455,7 @@ bool SysManager::SetFiberStackTraceDirPath(const std::string& dir) {
     const Zub::Core::PathName directory(host);
     if (directory.Exists()) return true;
     if (directory.CreateDirectory()) {
-      m_stackTraceDirPath = dir;
+      CStackWriter::SetDumpDotTabPath(dir);
       return true;
     }
   }
@@ -463,7 +463,7 @@ bool SysManager::SetFiberStackTraceDirPath(const std::string& dir) {
   return false;
 }
 
-std::string SysManager::GetFiberStackTraceDirPath() { return m_stackTraceDirPath; }
+std::string SysManager::GetFiberStackTraceDirPath() { return CStackWriter::m_pathToDumpDotTab; }
 // ---------------------------------------------------------------------------
 // Library load and unload
 

@@ -29,6 +29,9 @@ if(KVCORE_BUILD_FUZZ)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
+# Frame pointers everywhere: stack dumps walk the frame-pointer chain.
+add_compile_options(-fno-omit-frame-pointer)
+
 # Source names without the build machine's directories, so that file names in
 # diagnostics are the same on every build.
 add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)

@@ -184,12 +184,12 @@ class KVCORE_API SysManager {
   // start time, one item per line.
   static std::string GetDumpHeaderInformation();
 
-  // Makes dir the directory of the stack-dump file when it has to be created
-  // (and creates it); an existing directory answers true and is not recorded.
-  // False, with a CSL line, when it cannot be created.
+  // Makes dir the directory of the stack-dump file dump.tab when it has to be
+  // created (and creates it); an existing directory answers true and is not
+  // recorded. False, with a CSL line, when it cannot be created.
   static bool SetFiberStackTraceDirPath(const std::string& dir);
-  // The directory recorded by SetFiberStackTraceDirPath; empty for none (the
-  // stack-dump file then goes beside the executable).
+  // The directory of dump.tab (CStackWriter::m_pathToDumpDotTab); empty for
+  // none (dump.tab then goes beside the executable).
   static std::string GetFiberStackTraceDirPath();
 
   static int m_initialized;         // 1 once Initialize has completed
@@ -211,7 +211,6 @@ class KVCORE_API SysManager {
   static void MakeDefaultLogHeader();
 
   static std::string m_VersionString;
-  static std::string m_stackTraceDirPath;  // directory of the stack-dump file; empty for the default
 };
 
 // The instance of SysManager (all of whose members are static).

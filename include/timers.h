@@ -50,7 +50,8 @@ class KVCORE_API stopwatch {
 // A one-shot timer. At expiry it is signalled (Done) and, on the thread that
 // started it and only while that thread waits alertably (SysManager::Sleep),
 // Fire() runs: by default it invokes the callback. Copies share the timer;
-// the last copy to go cancels it.
+// the last copy to go cancels it. Stopping, starting again or cancelling at
+// destruction also drops an expiry's Fire that is still waiting for such a wait.
 class KVCORE_API Timer {
  public:
   Timer();
@@ -65,10 +66,12 @@ class KVCORE_API Timer {
 
   // Stores the duration used by Start().
   void Set(double seconds);
-  // Arms the timer for the stored duration from now; starting again re-arms it.
+  // Arms the timer for the stored duration from now; starting again re-arms it
+  // (an earlier expiry's Fire that has not run yet is dropped).
   void Start();
   void Start(double seconds);
-  // Cancels a pending expiry; a timer stopped before its time is never Done.
+  // Cancels a pending expiry, and drops the Fire of one that has come and not
+  // run yet; a timer stopped before its time is never Done.
   void Stop();
   bool Done();
   bool IsOn();

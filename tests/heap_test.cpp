@@ -57,23 +57,37 @@ class Heaps : public ::testing::Test {
   static void SetUpTestSuite() { heapman_mgr::initialize(); }
 };
 
-TEST_F(Heaps, MainHeapIsTheRoot) {
-  ASSERT_NE(mainheap, nullptr);
-  EXPECT_TRUE(heap::initialized);
+TEST_F(Heaps, ConstructionRoundsSizesCutsNamesAndInherits) {
   EXPECT_STREQ(mainheap->get_name(), "main");
   EXPECT_EQ(mainheap->get_flags(), heOWNHEAP);
-  EXPECT_EQ(mainheap->get_parent(), nullptr);
-  EXPECT_EQ(mainheap->get_max_size(), 0x12000000u);
   EXPECT_EQ(mainheap->get_region_size(), 0x12000000u);
-  EXPECT_EQ(mainheap->get_magic(), heap::live_magic);
-  ASSERT_NE(mainheap->get_base(), nullptr);
-  EXPECT_EQ(reinterpret_cast<uintptr_t>(mainheap->get_base()) % 4096, 0u);
   heap* before = mainheap;
   heapman_mgr::initialize();
   EXPECT_EQ(mainheap, before) << "initialize runs once";
+
+  heap a(nullptr, 0x9000000, heNONE);
+  heap b(100);
+  heap c("c", 0x30000000, heNONE);
+  heap d("d", 0x12000000, heNONE);
+  heap e("abcdefghijklmnopqrstuvwxyz");
+  const std::pair<heap*, size_t> sizes[] = {{&a, 0x12000000}, {&b, 0x9000000}, {&c, 0x30000000}, {&d, 0x24000000}};
+  for (const auto& [h, size] : sizes) {
+    EXPECT_EQ(h->get_max_size(), size);
+    EXPECT_EQ(h->get_region_size(), size);
+    EXPECT_EQ(h->get_parent(), mainheap) << "a heap outside every heap hangs under mainheap";
+    EXPECT_EQ(h->get_flags() & heOWNHEAP, heOWNHEAP) << "inherited from the parent";
+  }
+  EXPECT_STREQ(a.get_name(), "");
+  EXPECT_STREQ(e.get_name(), "abcdefghijkl");
+  std::vector<heap*> order;  // children are appended in creation order
+  for (heap* h = mainheap->get_first_child(); h != nullptr; h = h->get_next_sibling()) order.push_back(h);
+  EXPECT_LT(std::find(order.begin(), order.end(), &a), std::find(order.begin(), order.end(), &e));
+  heap plain("plain", heWINHEAP);
+  EXPECT_EQ(plain.get_base(), nullptr);
+  EXPECT_EQ(plain.get_flags(), heWINHEAP | heOWNHEAP);
 }
 
-TEST_F(Heaps, TrackedBlocksCarryTheirRecord) {
+TEST_F(Heaps, TrackedBlocksCarryTheirRecordAndOthersBelongToTheRuntimeLibrary) {
   const int line = __LINE__;
   char* p = static_cast<char*>(operator new(40, mainheap, kFile, line));
   const heap_record* r = record_of(p);
@@ -81,44 +95,24 @@ TEST_F(Heaps, TrackedBlocksCarryTheirRecord) {
   EXPECT_EQ(r->line, line);
   EXPECT_EQ(r->state, 0u);
   EXPECT_EQ(r->guard, 0xCCCCCCCCu);
-  EXPECT_EQ(r->zero, 0u);
-  EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 8, 0u);
   for (int i = 0; i < 40; ++i) ASSERT_EQ(p[i], 0) << "zero-filled";
-  EXPECT_NE(heap::call_addr, nullptr);
-  EXPECT_EQ(heapman_mgr::find(p), mainheap);
   EXPECT_EQ(heapman_mgr::get_size(p), 40u);
-
   const std::vector<void*> before = busy_blocks(mainheap);
   EXPECT_NE(std::find(before.begin(), before.end(), static_cast<void*>(p - 24)), before.end())
       << "the heap's block starts at the record";
-  std::memset(p, 0x77, 40);
   KvOperatorDelete(p);
-  const std::vector<void*> after = busy_blocks(mainheap);
-  EXPECT_EQ(after.size(), before.size() - 1);
-  EXPECT_EQ(std::find(after.begin(), after.end(), static_cast<void*>(p - 24)), after.end());
-
-  // The array form and the placement delete land in the same heap.
+  EXPECT_EQ(busy_blocks(mainheap).size(), before.size() - 1);
   int* numbers = new (mainheap, kFile, __LINE__) int[10];
   EXPECT_EQ(heapman_mgr::find(numbers), mainheap);
   KvOperatorDeleteArray(numbers);
-  KvOperatorDelete(nullptr);
-}
 
-TEST_F(Heaps, UntrackedBlocksBelongToTheRuntimeLibrary) {
   char* raw = static_cast<char*>(KvOperatorNew(100));
-  for (int i = 0; i < 100; ++i) ASSERT_EQ(raw[i], 0);
   EXPECT_EQ(heapman_mgr::find(raw), nullptr);
   EXPECT_EQ(heapman_mgr::get_size(raw), malloc_usable_size(raw));
   KvOperatorDelete(raw);  // reaches free: a leak or a bad free shows under the sanitizers
-
   void* untracked = operator new(64, static_cast<heap*>(nullptr), kFile, 1);
   EXPECT_EQ(heapman_mgr::find(untracked), nullptr);
   heapman_mgr::deallocator(untracked);
-
-  int local = 0;
-  EXPECT_EQ(heapman_mgr::find(&local), nullptr);
-  EXPECT_EQ(heapman_mgr::find(nullptr), nullptr);
-
   // Reallocation of nothing is a zeroed runtime block; of a runtime block, realloc.
   char* fresh = static_cast<char*>(heapman_mgr::reallocator(nullptr, 32));
   for (int i = 0; i < 32; ++i) ASSERT_EQ(fresh[i], 0);
@@ -127,100 +121,41 @@ TEST_F(Heaps, UntrackedBlocksBelongToTheRuntimeLibrary) {
   EXPECT_STREQ(bigger, "keep");
   EXPECT_EQ(heapman_mgr::find(bigger), nullptr);
   KvOperatorDelete(bigger);
+  KvOperatorDelete(nullptr);
 }
 
-TEST_F(Heaps, ConstructionRoundsSizesCutsNamesAndInherits) {
-  heap a(nullptr, 0x9000000, heNONE);
-  heap b(100);
-  heap c("c", 0x30000000, heNONE);
-  heap d("d", 0x12000000, heNONE);
-  heap e("abcdefghijklmnopqrstuvwxyz");
-  EXPECT_EQ(a.get_max_size(), 0x12000000u);
-  EXPECT_EQ(b.get_max_size(), 0x9000000u);
-  EXPECT_EQ(c.get_max_size(), 0x30000000u);
-  EXPECT_EQ(d.get_max_size(), 0x24000000u);
-  EXPECT_STREQ(a.get_name(), "");
-  EXPECT_STREQ(e.get_name(), "abcdefghijkl");
-  for (heap* h : {&a, &b, &c, &d, &e}) {
-    EXPECT_EQ(h->get_parent(), mainheap) << "a heap outside every heap hangs under mainheap";
-    EXPECT_EQ(h->get_flags() & heOWNHEAP, heOWNHEAP) << "inherited from the parent";
-    EXPECT_NE(h->get_base(), nullptr);
-    EXPECT_EQ(h->get_region_size(), h->get_max_size());
-    EXPECT_EQ(h->get_magic(), heap::live_magic);
-  }
-  // Children are appended in creation order.
-  std::vector<heap*> order;
-  for (heap* h = mainheap->get_first_child(); h != nullptr; h = h->get_next_sibling()) order.push_back(h);
-  auto at = [&](heap* h) { return std::find(order.begin(), order.end(), h) - order.begin(); };
-  EXPECT_LT(at(&a), at(&b));
-  EXPECT_LT(at(&b), at(&e));
-  EXPECT_LT(at(&e), static_cast<long>(order.size()));
-
-  heap plain("plain", heWINHEAP);
-  EXPECT_EQ(plain.get_base(), nullptr);
-  EXPECT_EQ(plain.get_region_size(), 0u);
-  EXPECT_NE(plain.get_handle(), nullptr);
-  EXPECT_EQ(plain.get_flags(), heWINHEAP | heOWNHEAP);
-}
-
-TEST_F(Heaps, DestroyingAHeapUnlinksItAndReleasesItsRegion) {
-  heap* h = new (mainheap, kFile, __LINE__) heap("gone");
-  void* base = h->get_base();
-  char* p = static_cast<char*>(operator new(10, h, kFile, __LINE__));
-  EXPECT_TRUE(mapped(base));
-  delete h;  // destructor, then the heap object leaves mainheap
-  EXPECT_FALSE(mapped(base));
-  EXPECT_EQ(heapman_mgr::find(p), nullptr);
-  for (heap* c = mainheap->get_first_child(); c != nullptr; c = c->get_next_sibling()) EXPECT_NE(c, h);
-}
-
-TEST_F(Heaps, LookupByAddressFollowsTheTree) {
+TEST_F(Heaps, LookupByAddressFollowsTheTreeAndASubtreeDiesWithItsRoot) {
   heap* parent = new (mainheap, kFile, __LINE__) heap("parent");
   heap* child = new (parent, kFile, __LINE__) heap("child");
   heap* grandchild = new (child, kFile, __LINE__) heap("grandchild");
   heap* plain = new (parent, kFile, __LINE__) heap("plain", heWINHEAP);
-  EXPECT_EQ(child->get_parent(), parent) << "a heap made in another heap's memory is its child";
-  EXPECT_EQ(grandchild->get_parent(), child);
-  EXPECT_EQ(parent->get_first_child(), child);
+  heap* belowPlain = new (plain, kFile, __LINE__) heap("below");
+  EXPECT_EQ(grandchild->get_parent(), child) << "a heap made in another heap's memory is its child";
   EXPECT_EQ(child->get_next_sibling(), plain);
-  EXPECT_EQ(heapman_mgr::find(child), parent);
-
   char* inParent = static_cast<char*>(operator new(100, parent, kFile, 1));
   char* inGrandchild = static_cast<char*>(operator new(100, grandchild, kFile, 2));
   char* inPlain = static_cast<char*>(operator new(100, plain, kFile, 3));
+  char* inBelow = static_cast<char*>(operator new(64, belowPlain, kFile, 4));
   EXPECT_EQ(heapman_mgr::find(inParent), parent);
-  EXPECT_EQ(heapman_mgr::find(inGrandchild), grandchild);
-  EXPECT_EQ(heapman_mgr::find(inPlain), plain);
   EXPECT_EQ(heapman_mgr::find(inGrandchild + 50), grandchild) << "a fixed region answers by range";
+  EXPECT_EQ(heapman_mgr::find(inPlain), plain);
   EXPECT_EQ(heapman_mgr::find(inPlain + 16), nullptr) << "a plain heap knows only its blocks' exact addresses";
-  EXPECT_TRUE(HeapAccess::belongs_to(grandchild, inGrandchild));
+  EXPECT_EQ(heapman_mgr::find(inBelow), nullptr) << "the children of a plain heap are not searched";
   EXPECT_FALSE(HeapAccess::belongs_to(grandchild, inParent));
   EXPECT_EQ(HeapAccess::find_in(child, inParent), nullptr) << "find looks at a heap and below only";
-  EXPECT_EQ(HeapAccess::find_in(plain, inPlain), plain);
-
-  // Blocks of a plain heap have no record; their size is exact.
-  EXPECT_EQ(heapman_mgr::get_size(inPlain), 100u);
-  EXPECT_EQ(heapman_mgr::get_size(inGrandchild), 100u);
+  EXPECT_EQ(heapman_mgr::get_size(inPlain), 100u) << "blocks of a plain heap have no record";
   KvOperatorDelete(inPlain);
-  EXPECT_EQ(busy_blocks(plain).size(), 0u);
+  EXPECT_EQ(busy_blocks(plain).size(), 1u);
+  const size_t belowBlocks = busy_blocks(belowPlain).size();
+  KvOperatorDelete(inBelow);  // must not reach the runtime library's free
+  EXPECT_EQ(busy_blocks(belowPlain).size(), belowBlocks - 1);
 
-  // The whole subtree dies with its root.
   void* grandchildBase = grandchild->get_base();
+  EXPECT_TRUE(mapped(grandchildBase));
   delete parent;
   EXPECT_FALSE(mapped(grandchildBase));
   EXPECT_EQ(heapman_mgr::find(inGrandchild), nullptr);
-}
-
-TEST_F(Heaps, HeapsBelowAPlainHeapStillTakeTheirBlocksBack) {
-  heap* plain = new (mainheap, kFile, __LINE__) heap("plain", heWINHEAP);
-  heap* below = new (plain, kFile, __LINE__) heap("below");
-  EXPECT_EQ(below->get_parent(), plain);
-  char* p = static_cast<char*>(operator new(64, below, kFile, 1));
-  EXPECT_EQ(heapman_mgr::find(p), nullptr) << "the children of a plain heap are not searched";
-  const size_t before = busy_blocks(below).size();
-  KvOperatorDelete(p);  // must not reach the runtime library's free
-  EXPECT_EQ(busy_blocks(below).size(), before - 1);
-  delete plain;
+  for (heap* c = mainheap->get_first_child(); c != nullptr; c = c->get_next_sibling()) EXPECT_NE(c, parent);
 }
 
 TEST_F(Heaps, NearAllocationAndStringCopiesGoToTheHeapHoldingTheObject) {
@@ -231,7 +166,6 @@ TEST_F(Heaps, NearAllocationAndStringCopiesGoToTheHeapHoldingTheObject) {
   EXPECT_EQ(heapman_mgr::find(copy), h);
   EXPECT_STREQ(record_of(copy)->file, "System/heap");
   EXPECT_EQ(record_of(copy)->line, 310);
-  EXPECT_EQ(heapman_mgr::get_size(copy), 4u);
 
   double* nearby = new (reinterpret_cast<_FindHeap*>(object), kFile, 77) double(1.5);
   EXPECT_EQ(heapman_mgr::find(nearby), h);
@@ -243,7 +177,6 @@ TEST_F(Heaps, NearAllocationAndStringCopiesGoToTheHeapHoldingTheObject) {
 
   int local = 0;
   char* untracked = strdup(&local, "xyz");
-  EXPECT_STREQ(untracked, "xyz");
   EXPECT_EQ(heapman_mgr::find(untracked), nullptr) << "near nothing tracked: the runtime library";
   KvOperatorDelete(untracked);
   KvOperatorDelete(mainCopy);
@@ -265,18 +198,14 @@ TEST_F(Heaps, ClearEmptiesFixedAndPlainHeaps) {
   EXPECT_EQ(fixed->get_first_child(), nullptr);
   EXPECT_EQ(fixed->get_handle(), handle) << "a fixed heap keeps its handle and region";
   EXPECT_EQ(fixed->get_base(), base);
-  EXPECT_EQ(heapman_mgr::find(blocks[5]), fixed) << "the region still answers by range";
-  char* again = static_cast<char*>(operator new(16, fixed, kFile, 1));
-  EXPECT_EQ(heapman_mgr::find(again), fixed);
+  operator new(16, fixed, kFile, 1);
   fixed->clear();
   EXPECT_TRUE(busy_blocks(fixed).empty()) << "a second, smaller clear";
 
   heap* plain = new (mainheap, kFile, __LINE__) heap("plain", heWINHEAP);
   void* oldHandle = plain->get_handle();
   char* inPlain = static_cast<char*>(operator new(50, plain, kFile, 1));
-  EXPECT_EQ(heapman_mgr::find(inPlain), plain);
   plain->clear();
-  EXPECT_NE(plain->get_handle(), nullptr);
   EXPECT_NE(plain->get_handle(), oldHandle) << "a plain heap gets a new handle";
   EXPECT_EQ(heapman_mgr::find(inPlain), nullptr);
   EXPECT_NE(operator new(50, plain, kFile, 2), nullptr);
@@ -289,12 +218,10 @@ TEST_F(Heaps, ReallocationKeepsTheOddSizeAndIgnoresFailure) {
   char* p = static_cast<char*>(operator new(50, h, kFile, 9));
   std::memset(p, 'x', 50);
   char* q = static_cast<char*>(heapman_mgr::reallocator(p, 200));
-  EXPECT_EQ(heapman_mgr::find(q), h);
   EXPECT_EQ(heapman_mgr::get_size(q), 200u - 24) << "the requested size is passed on unchanged";
   for (int i = 0; i < 50; ++i) ASSERT_EQ(q[i], 'x');
   for (int i = 50; i < 176; ++i) ASSERT_EQ(q[i], 0) << "growth is zeroed";
   EXPECT_EQ(record_of(q)->line, 9) << "the record moves with the block";
-  EXPECT_EQ(record_of(q)->guard, 0xCCCCCCCCu);
 
   void* failed = heapman_mgr::reallocator(q, size_t(0x20000000));
   EXPECT_EQ(failed, reinterpret_cast<void*>(24)) << "a failed reallocation is not tested for";
@@ -310,34 +237,19 @@ TEST_F(Heaps, ReallocationKeepsTheOddSizeAndIgnoresFailure) {
 
 TEST_F(Heaps, FailedAllocationsRaiseHeapError) {
   heap* h = new (mainheap, kFile, __LINE__) heap("small", 100, heNONE);
+  heap* plain = new (mainheap, kFile, __LINE__) heap("huge", heWINHEAP);
+  EXPECT_EQ(kvtest::raised([&] { operator new(0x10000000, h, kFile, 12); }),
+            "Memory allocation error: 8 @ 143 | void *__cdecl kvHeapAlloc(void *,unsigned __int64)");
+  EXPECT_EQ(kvtest::raised([&] { operator new(size_t(1) << 52, plain, kFile, 77); }),
+            "Heap new failure. File: tests/heap Line: 77 @ 215 | "
+            "void *__cdecl operator new(unsigned __int64,class heap *,char *,int)");
   try {
     operator new(0x10000000, h, kFile, 12);
-    FAIL() << "no error";
   } catch (const CSL::Heap::HeapError& e) {
-    EXPECT_STREQ(e.what(), "Memory allocation error: 8");
     EXPECT_EQ(e.GetCategory(), "CSL Heap Error");
-    EXPECT_EQ(e.GetCodeContext().GetFile(), "System/heap");
-    EXPECT_EQ(e.GetCodeContext().GetLine(), 143);
-    EXPECT_EQ(e.GetCodeContext().GetFunction(), "kvHeapAlloc");
-    EXPECT_EQ(e.GetCodeContext().GetSignature(), "void *__cdecl kvHeapAlloc(void *,unsigned __int64)");
     EXPECT_EQ(e.GetCodeContext().GetBuildDate(), KvBuildDate());
+    EXPECT_THROW(e.Copy()->Throw(), CSL::Heap::HeapError) << "copies throw their own type";
   }
-  heap* plain = new (mainheap, kFile, __LINE__) heap("huge", heWINHEAP);
-  try {
-    operator new(size_t(1) << 52, plain, kFile, 77);
-    FAIL() << "no error";
-  } catch (const CSL::Heap::HeapError& e) {
-    EXPECT_STREQ(e.what(), "Heap new failure. File: tests/heap Line: 77");
-    EXPECT_EQ(e.GetCodeContext().GetLine(), 215);
-    EXPECT_EQ(e.GetCodeContext().GetFunction(), "operator new");
-    EXPECT_EQ(e.GetCodeContext().GetSignature(),
-              "void *__cdecl operator new(unsigned __int64,class heap *,char *,int)");
-  }
-  // The error copies and throws itself as its own type.
-  CSL::Heap::HeapError original;
-  boost::shared_ptr<Zub::Core::Error> copy = original.Copy();
-  EXPECT_EQ(copy->GetCategory(), "CSL Heap Error");
-  EXPECT_THROW(copy->Throw(), CSL::Heap::HeapError);
   EXPECT_NE(operator new(100, h, kFile, 1), nullptr) << "the heap works on after a failure";
   delete plain;
   delete h;
@@ -359,35 +271,25 @@ TEST_F(Heaps, BadFreesAreCaughtWhereTheHeapCanTell) {
   char* w = static_cast<char*>(operator new(64, plain, kFile, 1));
   KvOperatorDelete(w);
   EXPECT_EQ(abort_text([&] { KvOperatorDelete(w); }), expected) << "a second free in a plain heap";
-  EXPECT_EQ(abort_text([&] { KvOperatorDelete(w + 16); }), expected);
   delete plain;
   delete h;
 }
 
-TEST_F(Heaps, LibraryDeletesGoThroughTheTrackedPath) {
+TEST_F(Heaps, DeletingAndCopyingHeapObjects) {
   // The deleting destructor is the library's: a heap object made in mainheap
   // must return there, not to the runtime library.
   const size_t before = busy_blocks(mainheap).size();
   heap* h = new (mainheap, kFile, __LINE__) heap("object");
   EXPECT_EQ(busy_blocks(mainheap).size(), before + 1);
-  delete h;
-  EXPECT_EQ(busy_blocks(mainheap).size(), before);
-  // A heap object the host made with its own new goes back to the runtime library.
-  heap* hosted = new heap("hosted");
-  EXPECT_EQ(heapman_mgr::find(hosted), nullptr);
-  delete hosted;
-}
-
-TEST_F(Heaps, CopiesShareTheHeapOutsideTheTree) {
-  heap* h = new (mainheap, kFile, __LINE__) heap("orig");
   alignas(heap) unsigned char storage[sizeof(heap)];
   heap* copy = new (storage) heap(*h);  // never destroyed: it would destroy what it shares
-  EXPECT_STREQ(copy->get_name(), "orig");
   EXPECT_EQ(copy->get_handle(), h->get_handle());
-  EXPECT_EQ(copy->get_base(), h->get_base());
-  EXPECT_EQ(copy->get_parent(), mainheap);
   for (heap* c = mainheap->get_first_child(); c != nullptr; c = c->get_next_sibling()) EXPECT_NE(c, copy);
   delete h;
+  EXPECT_EQ(busy_blocks(mainheap).size(), before);
+  heap* hosted = new heap("hosted");  // made with the host's new: back to the runtime library
+  EXPECT_EQ(heapman_mgr::find(hosted), nullptr);
+  delete hosted;
 }
 
 int stress_milliseconds() {

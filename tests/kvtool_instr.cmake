@@ -31,7 +31,7 @@ file(WRITE "${WORK}/braces.ins" "Korvalis Data File\nA\n{\n}\n}\n")
 file(WRITE "${WORK}/header.ins" "# comment\nKorvalis Data\n")
 file(WRITE "${WORK}/closing.ins" "Korvalis Data File\nA\n{\n} x\n")
 run(0 "" "" check example.ins)
-run(1 "" "braces.ins:5: Mismatched braces\nheader.ins:2: Bad header\nclosing.ins:4: Syntax error\nnone.ins:0: Bad file\n"
+run(1 "" "braces.ins:5: Mismatched braces\nheader.ins:2: Bad header\nclosing.ins:4: Syntax error\nnone.ins: cannot be read: No such file or directory\n"
     check example.ins braces.ins header.ins closing.ins none.ins)
 run(0 "" "" check --header "Korvalis Data" header.ins)
 
@@ -70,7 +70,7 @@ endif()
 file(WRITE "${WORK}/loose.ins" "Korvalis Data File trailing text\n# note\n  A=1\nS = v\n{ ignored\n  B   =  two words  \n}\n")
 run(0 "" "" fmt loose.ins)
 expect_file("${WORK}/loose.ins" "Korvalis Data File\r\n\r\nA = 1\r\nS = v\r\n{\r\n\tB = two words\r\n}\r\n")
-run(1 "" "none.ins:0: Bad file\n" fmt none.ins)
+run(1 "" "none.ins: cannot be read: No such file or directory\n" fmt none.ins)
 if(EXISTS "${WORK}/none.ins")
   message(SEND_ERROR "fmt created a missing file")
 endif()

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -23,6 +24,13 @@ std::string text_of(const Units& u) {
 
 using kvtest::abort_text;
 
+// "value units", e.g. "2.5 um/ms".
+std::string show(const Meas& m) {
+  char value[32];
+  std::snprintf(value, sizeof value, "%.10g", m.GetValue());
+  return std::string(value) + " " + text_of(m.GetUnits());
+}
+
 std::string fmt(const Meas& m, const char* format) {
   char out[256];
   m.sprintf(out, format);
@@ -31,86 +39,55 @@ std::string fmt(const Meas& m, const char* format) {
 
 }  // namespace
 
-TEST(MeasConvert, GetValueConvMeasAndAutoScale) {
+TEST(MeasConvert, ConversionsHelpersAndArithmetic) {
   const Meas d(5000, "nm");
   EXPECT_DOUBLE_EQ(d.GetValue(Unit_um), 5.0);
   EXPECT_DOUBLE_EQ(d.GetValue(Units("mm")), 5e-3);
-  const Meas c = d.ConvMeas(Units("pm"));
-  EXPECT_DOUBLE_EQ(c.GetValue(), 5e6);
-  EXPECT_EQ(text_of(c.GetUnits()), "pm");
-  const Meas a = d.AutoScale();
-  EXPECT_DOUBLE_EQ(a.GetValue(), 5.0);
-  EXPECT_EQ(text_of(a.GetUnits()), "um");
-  EXPECT_EQ(text_of(d.GetUnits()), "nm") << "the source is unchanged";
-  const Meas v = Meas(0.0025, "V").AutoScale();
-  EXPECT_DOUBLE_EQ(v.GetValue(), 2.5);
-  EXPECT_EQ(text_of(v.GetUnits()), "mV");
-  // Converting to an automatic prefix picks it.
-  const Meas r = Meas(3, "nm/ms").ConvMeas(Units("?m/s"));
-  EXPECT_DOUBLE_EQ(r.GetValue(), 3.0);
-  EXPECT_EQ(text_of(r.GetUnits()), "um/s");
-  const Meas zero = Meas(0.0, "nm").AutoScale();
-  EXPECT_EQ(text_of(zero.GetUnits()), "nm");
-
-  EXPECT_EQ(abort_text([&] { d.GetValue(Unit_V); }), "Meas::AbortUnits: Units don't match, nm != V");
-  EXPECT_EQ(abort_text([&] { d.ConvMeas(Units("nm/s")); }), "Meas::AbortUnits: Units don't match, nm != nm/s");
-}
-
-TEST(MeasConvert, ValueHelpers) {
-  Meas m(-2.5, "nm/V");
-  EXPECT_DOUBLE_EQ(m.Absolute().GetValue(), 2.5);
-  EXPECT_EQ(text_of(m.Absolute().GetUnits()), "nm/V");
-  EXPECT_EQ(m.Sign(), -1.0);
-  EXPECT_EQ(Meas(0.0).Sign(), 1.0);
-  EXPECT_EQ(Meas(std::nan("")).Sign(), -1.0);
-  const Meas inv = m.Invert();
-  EXPECT_DOUBLE_EQ(inv.GetValue(), -0.4);
-  EXPECT_EQ(text_of(inv.GetUnits()), "V/nm");
-  EXPECT_DOUBLE_EQ((-m).GetValue(), 2.5);
-  m = Units("um/V");
-  EXPECT_DOUBLE_EQ(m.GetValue(), -2.5) << "replacing the units does not convert";
-  m = 7.0;
-  EXPECT_EQ(text_of(m.GetUnits()), "um/V");
-  EXPECT_TRUE(m.Clear().IsScalar());
-  EXPECT_EQ(double(m), 0.0);
-  const Meas copy(m = Meas(3, "s"));
-  EXPECT_EQ(text_of(Units(copy)), "s");
-}
-
-TEST(MeasArithmetic, SumsProductsAndQuotients) {
-  Meas a(1, "um");
-  a += Meas(500, "nm");
-  EXPECT_DOUBLE_EQ(a.GetValue(), 1.5);
-  EXPECT_EQ(text_of(a.GetUnits()), "um");
-  a -= Meas(2, "mm");
-  EXPECT_DOUBLE_EQ(a.GetValue(), -1998.5);
-  EXPECT_DOUBLE_EQ((Meas(1, "V") + Meas(1, "mV")).GetValue(), 1.001);
-
-  const Meas p = Meas(2, "mm") * Meas(3, "1/m");
-  EXPECT_DOUBLE_EQ(p.GetValue(), 0.006);
-  EXPECT_TRUE(p.IsScalar());
-  const Meas q = Meas(6, "nm") / Meas(0, "s");
-  EXPECT_EQ(q.GetValue(), 6.0) << "a zero divisor only combines the units";
-  EXPECT_EQ(text_of(q.GetUnits()), "nm/s");
-  const Meas rate = Meas(10, "um") / Meas(4, "ms");
-  EXPECT_DOUBLE_EQ(rate.GetValue(), 2.5);
-  EXPECT_EQ(text_of(rate.GetUnits()), "um/ms");
-  const Meas speed = rate * Meas(2, "s");
-  EXPECT_DOUBLE_EQ(speed.GetValue(), 5000.0);
-  EXPECT_EQ(text_of(speed.GetUnits()), "um");
-  Meas sq(3, "nm");
-  sq *= sq;
-  EXPECT_DOUBLE_EQ(sq.GetValue(), 9.0);
-  EXPECT_EQ(text_of(sq.GetUnits()), "nm*nm");
-
-  Meas n(4, "V");
-  EXPECT_DOUBLE_EQ((n * 2).GetValue(), 8.0);
-  EXPECT_DOUBLE_EQ((n / 8.0f).GetValue(), 0.5);
-  EXPECT_TRUE(std::isinf((n / 0L).GetValue())) << "no check for a zero number";
   Meas s(4);
   s += 1;
   s -= 0.5;
-  EXPECT_DOUBLE_EQ((s + 2L).GetValue(), 6.5);
+  Meas a(1, "um");
+  a += Meas(500, "nm");
+  Meas sq(3, "nm");
+  sq *= sq;
+  const Meas rate = Meas(10, "um") / Meas(4, "ms");
+  const std::pair<Meas, const char*> cases[] = {
+      {d.ConvMeas(Units("pm")), "5000000 pm"},
+      {d.AutoScale(), "5 um"},
+      {d, "5000 nm"},  // the source is unchanged
+      {Meas(0.0025, "V").AutoScale(), "2.5 mV"},
+      {Meas(3, "nm/ms").ConvMeas(Units("?m/s")), "3 um/s"},  // converting to an automatic prefix picks it
+      {Meas(0.0, "nm").AutoScale(), "0 nm"},
+      {Meas(-2.5, "nm/V").Absolute(), "2.5 nm/V"},
+      {Meas(-2.5, "nm/V").Invert(), "-0.4 V/nm"},
+      {-Meas(-2.5, "nm/V"), "2.5 nm/V"},
+      {a, "1.5 um"},
+      {a - Meas(2, "mm"), "-1998.5 um"},
+      {Meas(1, "V") + Meas(1, "mV"), "1.001 V"},
+      {Meas(2, "mm") * Meas(3, "1/m"), "0.006 "},
+      {Meas(6, "nm") / Meas(0, "s"), "6 nm/s"},  // a zero divisor only combines the units
+      {rate, "2.5 um/ms"},
+      {rate * Meas(2, "s"), "5000 um"},
+      {sq, "9 nm*nm"},
+      {Meas(4, "V") * 2, "8 V"},
+      {Meas(4, "V") / 8.0f, "0.5 V"},
+      {s + 2L, "6.5 "},
+  };
+  for (const auto& [m, want] : cases) EXPECT_EQ(show(m), want);
+  EXPECT_TRUE(std::isinf((Meas(4, "V") / 0L).GetValue())) << "no check for a zero number";
+  EXPECT_EQ(Meas(-2.5, "nm/V").Sign(), -1.0);
+  EXPECT_EQ(Meas(0.0).Sign(), 1.0);
+  EXPECT_EQ(Meas(std::nan("")).Sign(), -1.0);
+  Meas m(-2.5, "nm/V");
+  m = Units("um/V");
+  EXPECT_EQ(show(m), "-2.5 um/V") << "replacing the units does not convert";
+  m = 7.0;
+  EXPECT_EQ(show(m), "7 um/V");
+  EXPECT_TRUE(m.Clear().IsScalar());
+  const Meas copy(m = Meas(3, "s"));
+  EXPECT_EQ(text_of(Units(copy)), "s");
+  EXPECT_EQ(abort_text([&] { d.GetValue(Unit_V); }), "Meas::AbortUnits: Units don't match, nm != V");
+  EXPECT_EQ(abort_text([&] { d.ConvMeas(Units("nm/s")); }), "Meas::AbortUnits: Units don't match, nm != nm/s");
 }
 
 TEST(MeasArithmetic, MismatchesAbortWithTheirTexts) {
@@ -157,31 +134,27 @@ TEST(MeasCompare, AbsoluteToleranceInTheLeftUnits) {
 }
 
 TEST(MeasRead, ValueUnitsOrBoth) {
+  // Each text is read into the measurement the previous one left.
+  struct Step {
+    const char* text;
+    size_t used;
+    const char* after;
+  };
+  const Step steps[] = {
+      {"  -2.5e3   um/s  ", 17, "-2500 um/s"},
+      {"7", 1, "7 um/s"},    // one number keeps the units
+      {"mV", 2, "7 mV"},     // one unit word keeps the value
+      {"5nm", 1, "5 mV"},
+      {".5", 2, "0.5 mV"},
+      {"   ", 3, "0.5 mV"},
+      {"abc nm", 6, "0 nm"},  // an unreadable number reads as strtod gives it
+  };
   Meas m("5 nm");
-  EXPECT_EQ(m.GetValue(), 5.0);
-  EXPECT_EQ(text_of(m.GetUnits()), "nm");
-  const char* text = "  -2.5e3   um/s  ";
-  EXPECT_EQ(m.Read(text), text + std::strlen(text));
-  EXPECT_EQ(m.GetValue(), -2500.0);
-  EXPECT_EQ(text_of(m.GetUnits()), "um/s");
-  m.Read("7");
-  EXPECT_EQ(m.GetValue(), 7.0);
-  EXPECT_EQ(text_of(m.GetUnits()), "um/s") << "one number keeps the units";
-  m.Read("mV");
-  EXPECT_EQ(m.GetValue(), 7.0) << "one unit word keeps the value";
-  EXPECT_EQ(text_of(m.GetUnits()), "mV");
-  const char* glued = "5nm";
-  EXPECT_EQ(m.Read(glued), glued + 1);
-  EXPECT_EQ(m.GetValue(), 5.0);
-  EXPECT_EQ(text_of(m.GetUnits()), "mV");
-  m.Read(".5");
-  EXPECT_EQ(m.GetValue(), 0.5);
-  const char* blank = "   ";
-  EXPECT_EQ(m.Read(blank), blank + 3);
-  EXPECT_EQ(m.GetValue(), 0.5);
-  m.Read("abc nm");
-  EXPECT_EQ(m.GetValue(), 0.0) << "an unreadable number reads as strtod gives it";
-  EXPECT_EQ(Meas(3, "kOhm").GetValue(Unit_Ohm), 3000.0);
+  EXPECT_EQ(show(m), "5 nm");
+  for (const Step& s : steps) {
+    EXPECT_EQ(m.Read(s.text), s.text + s.used) << s.text;
+    EXPECT_EQ(show(m), s.after) << s.text;
+  }
 }
 
 TEST(MeasFormat, SignificantDigitsUnitsAndFixedPoint) {

@@ -8,7 +8,6 @@
 #include <set>
 #include <string>
 
-#include "kvos/drives.h"
 #include "kvos/fault.h"
 #include "kvos/file.h"
 #include "kvos/fileattr.h"
@@ -17,11 +16,7 @@
 
 namespace {
 
-std::string dos(const std::string& host) {
-  std::string path;
-  EXPECT_TRUE(kvos::host_to_dos(host, path)) << host;
-  return path;
-}
+std::string dos(const std::string& host) { return kvtest::dos_path(host); }
 
 bool exists(const std::string& host) {
   struct stat st;
@@ -66,17 +61,15 @@ TEST(OsFile, WriteSeekAndReadBackThroughDosPaths) {
   EXPECT_TRUE(kvos::file_close(file));
 
   // Opening modes.
-  EXPECT_EQ(kvos::file_open(path, kvos::kFileCreateNew), kvos::kInvalidFile);
-  EXPECT_EQ(kvos::file_open(dos(dir.file("missing")), kvos::kFileReadExisting), kvos::kInvalidFile);
-  EXPECT_EQ(kvos::file_open(dos(dir.file("missing")), kvos::kFileWriteExisting), kvos::kInvalidFile);
-  EXPECT_EQ(kvos::file_open(dos(dir.path()), kvos::kFileReadExisting), kvos::kInvalidFile);
+  const std::pair<std::string, kvos::FileOpenMode> refused[] = {
+      {path, kvos::kFileCreateNew}, {dos(dir.file("missing")), kvos::kFileReadExisting},
+      {dos(dir.file("missing")), kvos::kFileWriteExisting}, {dos(dir.path()), kvos::kFileReadExisting}};
+  for (const auto& [name, mode] : refused) EXPECT_EQ(kvos::file_open(name, mode), kvos::kInvalidFile) << name;
   file = kvos::file_open(path, kvos::kFileWriteExisting);
-  ASSERT_NE(file, kvos::kInvalidFile);
   write_all(file, "J");
   EXPECT_TRUE(kvos::file_close(file));
   EXPECT_EQ(kvtest::read_file(dir.file("Data.bin")).size(), 10u) << "writing an existing file does not truncate it";
-  file = kvos::file_open(path, kvos::kFileCreateAlways);
-  EXPECT_TRUE(kvos::file_close(file));
+  EXPECT_TRUE(kvos::file_close(kvos::file_open(path, kvos::kFileCreateAlways)));
   EXPECT_EQ(kvtest::read_file(dir.file("Data.bin")), "");
   EXPECT_FALSE(kvos::file_close(kvos::kInvalidFile));
 }
@@ -113,11 +106,9 @@ TEST(OsFile, TemporaryNamesAreUniqueReservedAndShapedLikeTheClassicOnes) {
     ASSERT_TRUE(kvos::file_temp_name(dosDir, "kvc", 0, name));
     ASSERT_EQ(name.substr(0, dosDir.size() + 1), dosDir + "\\");
     const std::string leaf = name.substr(dosDir.size() + 1);
-    EXPECT_TRUE(std::regex_match(leaf, shape)) << leaf;
-    EXPECT_NE(leaf, "kvc0000.tmp");
+    EXPECT_TRUE(std::regex_match(leaf, shape) && leaf != "kvc0000.tmp") << leaf;
     EXPECT_TRUE(seen.insert(leaf).second) << "handed out twice: " << leaf;
     EXPECT_TRUE(exists(dir.file(leaf))) << "the name is reserved by an empty file";
-    EXPECT_EQ(kvtest::read_file(dir.file(leaf)), "");
   }
 
   // A given number names the file without creating it; the prefix keeps 3 characters.
@@ -166,34 +157,33 @@ TEST(OsFile, FindFirstMatchesWildcardsIgnoringCaseInNameOrder) {
   ASSERT_EQ(mkdir(dir.file("sub").c_str(), 0700), 0);
   const std::string d = dos(dir.path()) + "\\";
 
+  struct Case {
+    const char* pattern;
+    const char* name;  // nullptr: nothing found
+    uint64_t size;
+    uint32_t attributes;
+  };
+  const Case cases[] = {
+      {"*.txt", "Alpha.txt", 1, kvos::kFileAttributeNormal},
+      {"B*.t?t", "beta.TXT", 5, kvos::kFileAttributeNormal},
+      {"b?.txt", nullptr, 0, 0},  // ? stands for exactly one character
+      {"*.*", ".hidden", 0, kvos::kFileAttributeHidden},
+      {"s*", "sub", 0, kvos::kFileAttributeDirectory},
+      {"GAMMA.DAT", "gamma.dat", 3, kvos::kFileAttributeNormal},  // without wildcards: in its real case
+      {"*.none", nullptr, 0, 0}, {"missing.txt", nullptr, 0, 0}, {"nodir\\*.txt", nullptr, 0, 0},
+  };
   kvos::FindData found;
-  ASSERT_TRUE(kvos::file_find_first(d + "*.txt", found));
-  EXPECT_EQ(found.name, "Alpha.txt");
-  EXPECT_EQ(found.size, 1u);
-  EXPECT_EQ(found.attributes, kvos::kFileAttributeNormal);
-  ASSERT_TRUE(kvos::file_find_first(d + "B*.t?t", found));
-  EXPECT_EQ(found.name, "beta.TXT");
-  EXPECT_EQ(found.size, 5u);
-  EXPECT_FALSE(kvos::file_find_first(d + "b?.txt", found)) << "? stands for exactly one character";
-  ASSERT_TRUE(kvos::file_find_first(d + "*.*", found));
-  EXPECT_EQ(found.name, ".hidden");
-  EXPECT_EQ(found.attributes, kvos::kFileAttributeHidden);
-  ASSERT_TRUE(kvos::file_find_first(d + "s*", found));
-  EXPECT_EQ(found.name, "sub");
-  EXPECT_EQ(found.attributes, kvos::kFileAttributeDirectory);
-  EXPECT_EQ(found.size, 0u);
-
-  // Without wildcards: the named entry, in its real case, with its time.
-  ASSERT_TRUE(kvos::file_find_first(d + "GAMMA.DAT", found));
-  EXPECT_EQ(found.name, "gamma.dat");
-  EXPECT_EQ(found.size, 3u);
+  for (const Case& c : cases) {
+    ASSERT_EQ(kvos::file_find_first(d + c.pattern, found), c.name != nullptr) << c.pattern;
+    if (c.name == nullptr) continue;
+    EXPECT_EQ(found.name, c.name);
+    EXPECT_EQ(found.size, c.size) << c.pattern;
+    EXPECT_EQ(found.attributes, c.attributes) << c.pattern;
+  }
+  ASSERT_TRUE(kvos::file_find_first(d + "gamma.dat", found));
   struct stat st;
   ASSERT_EQ(stat(dir.file("gamma.dat").c_str(), &st), 0);
   EXPECT_EQ(found.lastWriteUtc, kvos::unix_to_file_time(st.st_mtim.tv_sec, st.st_mtim.tv_nsec));
-
-  EXPECT_FALSE(kvos::file_find_first(d + "*.none", found));
-  EXPECT_FALSE(kvos::file_find_first(d + "missing.txt", found));
-  EXPECT_FALSE(kvos::file_find_first(d + "nodir\\*.txt", found));
 }
 
 TEST(OsFile, FreeSpaceIsTheVolumesAndMissingPathsFail) {
@@ -222,10 +212,7 @@ TEST(OsFault, ArmedPointsFailAfterTheSkipForTheCount) {
     return true;
   };
   kvos::fault_arm(kvos::FaultPoint::FileOpen, 1, 2);
-  EXPECT_TRUE(opens());
-  EXPECT_FALSE(opens());
-  EXPECT_FALSE(opens());
-  EXPECT_TRUE(opens()) << "the count is used up";
+  EXPECT_TRUE(opens() && !opens() && !opens() && opens()) << "skip one, fail two, then the count is used up";
   EXPECT_EQ(kvos::fault_hits(kvos::FaultPoint::FileOpen), 2u);
 
   kvos::fault_arm(kvos::FaultPoint::FileOpen, 0, 0);

@@ -7,11 +7,11 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "PanelState.h"
 #include "heap.h"
-#include "kvos/drives.h"
 #include "sysman.h"
 #include "test_support.h"
 
@@ -19,48 +19,31 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string dos(const std::string& host) {
-  std::string path;
-  EXPECT_TRUE(kvos::host_to_dos(host, path)) << host;
-  return path;
-}
+using kvtest::dos_path;
 
-TEST(FlagSets, TablesNamesAndIdentifiers) {
+TEST(FlagSets, TablesNamesIdentifiersAndBits) {
   PanelState panel;
-  EXPECT_EQ(panel.Number(), 3u);
-  EXPECT_EQ(panel.First(), 100u);
-  EXPECT_STREQ(panel.String(100), "Hide");
-  EXPECT_STREQ(panel.String(101), "Min");
-  EXPECT_STREQ(panel.String(102), "Max");
-  EXPECT_EQ(panel.values[0], 0u);
-  EXPECT_EQ(panel.values[1], 0u);
-
   CheckItemState item;
-  EXPECT_EQ(item.Number(), 1u);
-  EXPECT_EQ(item.First(), 200u);
-  EXPECT_STREQ(item.String(200), "Hide");
-
   AttributeState attribute;
-  EXPECT_EQ(attribute.Number(), 2u);
-  EXPECT_EQ(attribute.First(), 300u);
-  EXPECT_STREQ(attribute.String(300), "ReadOnly");
-  EXPECT_STREQ(attribute.String(301), "Hidden");
+  const std::tuple<FlagIOClass*, unsigned, unsigned, const char*> sets[] = {
+      {&panel, 3, 100, "Hide Min Max"}, {&item, 1, 200, "Hide"}, {&attribute, 2, 300, "ReadOnly Hidden"}};
+  for (const auto& [set, number, first, names] : sets) {
+    EXPECT_EQ(set->Number(), number);
+    EXPECT_EQ(set->First(), first);
+    std::string all;
+    for (unsigned id = first; id < first + number; ++id) all += std::string(all.empty() ? "" : " ") + set->String(id);
+    EXPECT_EQ(all, names);
+  }
   EXPECT_EQ(attribute.Id("Hidden"), 301);
   EXPECT_EQ(attribute.Id("hidden"), -1);
-  EXPECT_EQ(panel.Id("Max"), PanelState::Max);
-}
 
-TEST(FlagSets, BitsByIdentifierClearAndCustomTables) {
-  PanelState panel;
   const auto* byte = static_cast<const unsigned char*>(panel.Buffer());
-  EXPECT_EQ(byte[0], 0);
   panel.Set(PanelState::Max, true);
   panel.Set(PanelState::Hide, true);
   EXPECT_EQ(byte[0], 0x05);
   EXPECT_TRUE(panel.Get(102));
   EXPECT_FALSE(panel.Get(101));
   panel.Set(100, false);
-  EXPECT_EQ(byte[0], 0x04);
   panel.Set(103, true);  // outside the set: ignored
   panel.Set(99, true);
   EXPECT_EQ(byte[0], 0x04);
@@ -69,22 +52,17 @@ TEST(FlagSets, BitsByIdentifierClearAndCustomTables) {
   EXPECT_EQ(byte[0], 0);
 
   // Ten flags from 500 take two bytes; flag 509 is bit 1 of the second.
-  char* table[] = {reinterpret_cast<char*>(uintptr_t{500}),
-                   const_cast<char*>("a"), const_cast<char*>("b"), const_cast<char*>("c"), const_cast<char*>("d"),
-                   const_cast<char*>("e"), const_cast<char*>("f"), const_cast<char*>("g"), const_cast<char*>("h"),
-                   const_cast<char*>("i"), const_cast<char*>("j"), nullptr};
-  FlagIOClass custom(table);
+  std::vector<char*> table(12, const_cast<char*>("f"));
+  table.front() = reinterpret_cast<char*>(uintptr_t{500});
+  table.back() = nullptr;
+  FlagIOClass custom(table.data());
   EXPECT_EQ(custom.Number(), 10u);
-  EXPECT_EQ(custom.First(), 500u);
-  EXPECT_STREQ(custom.String(509), "j");
   custom.Set(509, true);
   custom.Set(500, true);
   const auto* bits = static_cast<const unsigned char*>(custom.Buffer());
-  EXPECT_EQ(bits[0], 0x01);
-  EXPECT_EQ(bits[1], 0x02);
+  EXPECT_EQ(bits[0] | bits[1] << 8, 0x0201);
   custom.Clear();
-  EXPECT_EQ(bits[0], 0);
-  EXPECT_EQ(bits[1], 0);
+  EXPECT_EQ(bits[0] | bits[1], 0);
 
   std::vector<char*> big(FlagIOClass::kMaxFlags + 3, const_cast<char*>("x"));
   big.front() = nullptr;
@@ -98,7 +76,7 @@ class PanelStateTest : public ::testing::Test {
   void SetUp() override { heapman_mgr::initialize(); }
 
   std::string host(const std::string& name) const { return dir_.file(name); }
-  pathname path(const std::string& name) const { return pathname(dos(host(name)).c_str()); }
+  pathname path(const std::string& name) const { return pathname(dos_path(host(name)).c_str()); }
   void write(const std::string& name, const std::string& text) const { kvtest::write_file(host(name), text); }
   std::string read(const std::string& name) const { return kvtest::read_file(host(name)); }
 
@@ -118,7 +96,6 @@ TEST_F(PanelStateTest, SharedFileIsReadOnceAndWrittenOnceWhenChanged) {
   PanelStateSave first(path("panels.pan"));
   first.BaseName("Stage");
   PanelStateSave second(first);
-  EXPECT_EQ(second.Handle(), first.Handle());
   EXPECT_EQ(first.Handle()->RefCount(), 2);
   EXPECT_STREQ(second.BasePath(), "Stage");
 
@@ -140,9 +117,7 @@ TEST_F(PanelStateTest, SharedFileIsReadOnceAndWrittenOnceWhenChanged) {
   EXPECT_FALSE(written_since_aged("panels.pan")) << "not written before the last close";
   EXPECT_TRUE(first.Handle()->Changed());
   first.TrackClose();
-  EXPECT_TRUE(written_since_aged("panels.pan"));
   EXPECT_EQ(read("panels.pan"), "Panel state\r\n\r\nStage\r\n{\r\n\tSpeed = 5\r\n\tAccel = 12\r\n}\r\n");
-  EXPECT_EQ(first.Handle()->OpenCount(), 0);
 
   // The tree is freed between uses; the next first open reads the file again.
   EXPECT_TRUE(first.Handle()->TreeRoot() == nullptr || first.Handle()->TreeRoot()->Count() == 0);
@@ -302,11 +277,9 @@ TEST_F(PanelStateTest, BasePathsAreRestoredAndCanBeTakenFromTheCursor) {
 
 TEST_F(PanelStateTest, DefaultFileIsTouchedOnlyWhenUsed) {
   EXPECT_STREQ(PanelStateSaveDefault.Path().file().operator char*(), "default.pan");
-  EXPECT_EQ(PanelStateSaveDefault.Handle()->RefCount(), 1);
-  EXPECT_EQ(PanelStateSaveDefault.TrackDepth(), 0);
 
   // A process that never uses the default file leaves no file behind at exit.
-  const std::string unused = dos(host("unused.pan"));
+  const std::string unused = dos_path(host("unused.pan"));
   const int quiet = kvtest::run_in_child([&] {
     PanelStateSaveDefault.Path(pathname(unused.c_str()));
     std::exit(0);
@@ -316,7 +289,7 @@ TEST_F(PanelStateTest, DefaultFileIsTouchedOnlyWhenUsed) {
   EXPECT_FALSE(fs::exists(host("unused.pan")));
 
   // One that leaves it open with a change gets it written at exit.
-  const std::string used = dos(host("used.pan"));
+  const std::string used = dos_path(host("used.pan"));
   const int busy = kvtest::run_in_child([&] {
     PanelStateSaveDefault.Path(pathname(used.c_str()));
     PanelStateSaveDefault.TrackOpen();

@@ -1,6 +1,9 @@
 // Helpers shared by the test suites.
 #include "test_support.h"
 
+#include <gtest/gtest.h>
+
+#include "kvos/drives.h"
 #include "sysman.h"
 
 #include <sys/wait.h>
@@ -72,6 +75,16 @@ std::string abort_text(const std::function<void()>& body) {
   return "(no abort)";
 }
 
+std::string raised(const std::function<void()>& body) {
+  try {
+    body();
+  } catch (const Zub::Core::Error& e) {
+    return std::string(e.what()) + " @ " + std::to_string(e.GetCodeContext().GetLine()) + " | " +
+           e.GetCodeContext().GetSignature();
+  }
+  return "(no error)";
+}
+
 int run_in_child(const std::function<int()>& body) {
   std::fflush(nullptr);
   const pid_t pid = fork();
@@ -90,6 +103,14 @@ int run_in_child(const std::function<int()>& body) {
   waitpid(pid, &status, 0);
   return status;
 }
+
+std::string dos_path(const std::string& host) {
+  std::string path;
+  EXPECT_TRUE(kvos::host_to_dos(host, path)) << host;
+  return path;
+}
+
+int child_result(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status); }
 
 void write_file(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);

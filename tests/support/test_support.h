@@ -60,8 +60,17 @@ class TempDir {
 // The message of the SysManagerError that body raises, or "(no abort)".
 std::string abort_text(const std::function<void()>& body);
 
+// "message @ line | signature" of the Zub::Core error that body raises, or "(no error)".
+std::string raised(const std::function<void()>& body);
+
 // Runs body in a forked child process and returns its wait status.
 int run_in_child(const std::function<int()>& body);
+
+// The DOS path of a host path (fails the test when it lies on no drive).
+std::string dos_path(const std::string& host);
+
+// The exit code of a child's wait status, or 1000 plus the signal that ended it.
+int child_result(int status);
 
 // Writes and reads whole host files.
 void write_file(const std::string& path, const std::string& content);

@@ -3,6 +3,7 @@
 // the leak listing that the heap diagnostics write.
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -58,14 +59,14 @@ int in_directory(const std::filesystem::path& dir, Body&& body) {
   const std::filesystem::path previous = std::filesystem::current_path(ec);
   std::filesystem::current_path(dir, ec);
   if (ec) {
-    std::printf("  cannot use directory %s: %s\n", dir.string().c_str(), ec.message().c_str());
+    std::fprintf(stderr, "kvtool heap demo: cannot use directory %s: %s\n", dir.string().c_str(), ec.message().c_str());
     return 1;
   }
   int result = 1;
   try {
     result = body();
   } catch (const std::exception& e) {
-    std::printf("  failed: %s\n", e.what());
+    std::fprintf(stderr, "kvtool heap demo: failed: %s\n", e.what());
   }
   std::filesystem::current_path(previous, ec);
   return result;
@@ -75,6 +76,13 @@ struct Sample {
   double position[3];
   int stage;
 };
+
+// The size of heapdump.txt in the working directory; 0 when there is none.
+uintmax_t dump_size() {
+  std::error_code ec;
+  const uintmax_t size = std::filesystem::file_size("heapdump.txt", ec);
+  return ec ? 0 : size;
+}
 
 // The full demonstration: a tree of three heaps, some traffic, three leaks.
 int heap_demo(bool brief) {
@@ -104,13 +112,24 @@ int heap_demo(bool brief) {
   std::printf("  left behind: \"%s\" at %p, a sample at %p%s\n\n", wafer, static_cast<void*>(wafer),
               static_cast<void*>(sample), brief ? "" : ", 6 raw bytes and 4 counts");
 
+  const uintmax_t before = dump_size();
   HeapDump();
+  const bool appended = dump_size() > before;
 
   delete instruments;  // the whole subtree, leaks included
-  std::printf("  heap tree released; usage table appended to %s\n",
-              brief ? "heapdump.txt in a temporary directory"
-                    : (std::filesystem::current_path() / "heapdump.txt").string().c_str());
-  return 0;
+  const std::string where =
+      brief ? "heapdump.txt in a temporary directory" : (std::filesystem::current_path() / "heapdump.txt").string();
+  if (appended) {
+    std::printf("  heap tree released; usage table appended to %s\n", where.c_str());
+    return 0;
+  }
+  // The library says nothing when it cannot write the file: ask the system why.
+  errno = 0;
+  if (std::FILE* probe = std::fopen("heapdump.txt", "a")) std::fclose(probe);
+  std::printf("  heap tree released\n");
+  std::fprintf(stderr, "kvtool heap demo: the usage table was not appended to %s: %s\n", where.c_str(),
+               errno != 0 ? std::strerror(errno) : "the file did not grow");
+  return 1;
 }
 
 int demo_step() {

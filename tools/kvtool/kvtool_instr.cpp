@@ -1,8 +1,13 @@
 // kvtool: instrument parameter files (check, tree, get, set, fmt) and the
-// demo step that reads the built-in example file.
+// demo step that reads the built-in example file. Files are read whole by
+// kvtool and parsed by the library from memory; a rewritten file is read back
+// before it replaces the old one, so that nothing in it is lost or changed.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -11,8 +16,15 @@
 #include "SystemKvCore.h"
 #include "kvos/drives.h"
 #include "kvtool.h"
+#include "kvtool_files.h"
 
 namespace {
+
+const char* const kSource = "kvtool/instr";
+
+// The deepest nesting of sections that tree, set and fmt handle: the text of
+// a deeper document grows with the square of its depth.
+constexpr int kDepthLimit = 1000;
 
 // Header handling shared by the commands.
 struct HeaderOption {
@@ -25,19 +37,154 @@ struct HeaderOption {
   void apply(InstrHandle& h) const { h.SetHeaderName(none ? nullptr : text.c_str()); }
 };
 
-// The library's DOS path for a host path; prints the problem and answers false when there is none.
-bool to_dos(const std::string& command, const std::string& host, std::string& dos) {
-  if (kvos::host_to_dos(host, dos)) return true;
-  std::fprintf(stderr, "kvtool instr %s: %s: no drive maps this path\n", command.c_str(), host.c_str());
-  return false;
+// One item of a walk over a document.
+struct Item {
+  InstrType type = InstrTypeEOF;  // InstrTypeSection or InstrTypeRecord
+  const char* tag = "";
+  const char* value = "";
+  int depth = 0;  // 0 on the top level
+  int line = 0;
+};
+
+// Walks the items of a document in file order, entering every section.
+class Walk {
+ public:
+  explicit Walk(InstrHandle& h) : h_(h) { h_.Seek(InstrTypeBOF); }
+  bool next(Item& item) {
+    if (enter_) {
+      h_.EnterSection();
+      ++depth_;
+      enter_ = false;
+    }
+    char* tag = nullptr;
+    char* value = nullptr;
+    for (;;) {
+      const InstrType t = h_.NextItem(tag, value);
+      if (t == InstrTypeEOF) return false;
+      if (t == InstrTypeEOS) {
+        h_.ExitSection();
+        --depth_;
+        continue;
+      }
+      item = {t, tag, value, depth_, h_.CurLine()};
+      enter_ = t == InstrTypeSection;
+      return true;
+    }
+  }
+
+ private:
+  InstrHandle& h_;
+  int depth_ = 0;
+  bool enter_ = false;
+};
+
+int depth_of(InstrHandle& h) {
+  Walk walk(h);
+  Item item;
+  int deepest = 0;
+  while (walk.next(item))
+    if (item.type == InstrTypeSection) deepest = std::max(deepest, item.depth + 1);
+  return deepest;
 }
 
-// Reads FILE into h; on failure prints "FILE:LINE: message" to stderr.
-bool read_file(InstrHandle& h, const std::string& shown, IHReadFlags flags) {
-  if (h.Read(flags)) return true;
-  const char* message = h.ErrStr();
-  std::fprintf(stderr, "%s:%d: %s\n", shown.c_str(), h.CurLine(), message != nullptr ? message : "cannot be read");
-  return false;
+bool same_item(const Item& a, const Item& b) {
+  return a.type == b.type && a.depth == b.depth && std::strcmp(a.tag, b.tag) == 0 && std::strcmp(a.value, b.value) == 0;
+}
+
+// Whether two documents hold the same items; otherwise `first` is the first
+// item of a that differs (or b's surplus item).
+bool same_document(InstrHandle& a, InstrHandle& b, Item& first) {
+  Walk left(a), right(b);
+  Item x, y;
+  for (;;) {
+    const bool more = left.next(x);
+    const bool moreRight = right.next(y);
+    if (!more && !moreRight) return true;
+    if (more != moreRight || !same_item(x, y)) {
+      first = more ? x : y;
+      return false;
+    }
+  }
+}
+
+// Parses text with the library (which reads it from a block of its heaps).
+bool parse(InstrHandle& h, const std::string& text) {
+  if (mainheap == nullptr) heapman_mgr::initialize();
+  char* block = new (mainheap, kSource, __LINE__) char[text.empty() ? 1 : text.size()];
+  block[0] = '\0';
+  std::memcpy(block, text.data(), text.size());
+  h.Buf(block);
+  const bool ok = h.Read(IHReadNone);
+  h.Buf(nullptr);
+  KvOperatorDelete(block);
+  return ok;
+}
+
+// Opens, reads and parses a user's file for a command; on failure prints why.
+bool load(kvtool::UserFile& file, InstrHandle& h, const HeaderOption& header, bool forWriting, bool mayBeMissing,
+          bool force, bool limitDepth) {
+  std::string text;
+  if (!file.open(forWriting, mayBeMissing, force) || !file.read(text)) return false;
+  header.apply(h);
+  if (text.empty() && mayBeMissing) return true;  // a new file starts as an empty document
+  file.progress("parsing");
+  if (!parse(h, text)) {
+    file.progress_done();
+    const char* message = h.ErrStr();
+    std::fprintf(stderr, "%s:%d: %s\n", file.shown().c_str(), h.CurLine(),
+                 message != nullptr ? message : "cannot be read");
+    return false;
+  }
+  if (limitDepth) {
+    const int depth = depth_of(h);
+    if (depth > kDepthLimit)
+      return file.fail("sections are nested " + std::to_string(depth) + " levels deep; kvtool handles at most " +
+                       std::to_string(kDepthLimit));
+  }
+  file.progress_done();
+  return true;
+}
+
+// Replaces the file with the document's text once that text has been read
+// back to the same document; otherwise says which item would change.
+bool rewrite(kvtool::UserFile& file, InstrHandle& h, const HeaderOption& header) {
+  file.progress("checking");
+  if (!h.Write() || h.Buf() == nullptr) return file.fail("the document cannot be written out");
+  const std::string text = h.Buf();
+  InstrHandle back;
+  header.apply(back);
+  Item first;
+  if (!parse(back, text) || !same_document(h, back, first)) {
+    std::string where = first.line > 0 ? "line " + std::to_string(first.line) + ", " : "";
+    std::string what = first.type == InstrTypeSection ? "section" : "record";
+    return file.fail(where + what + " \"" + first.tag + (first.value[0] != '\0' ? " = " : "") + first.value +
+                     "\" would not read back the same from the rewritten file; the file is left as it is");
+  }
+  return file.replace(text);
+}
+
+// Why a section name or tag cannot be written so that it reads back the
+// same; empty when it can.
+std::string name_problem(const std::string& name, bool section) {
+  if (name.find_first_of("\r\n") != std::string::npos) return "holds a line end";
+  if (std::isspace(static_cast<unsigned char>(name.front())) || std::isspace(static_cast<unsigned char>(name.back())))
+    return "begins or ends with white space, which the file does not keep";
+  if (name[0] == '#') return "begins with \"#\" and would read back as a comment";
+  if (name[0] == '{' || name[0] == '}') return "begins with a brace";
+  if (name.find('=') != std::string::npos) return "holds \"=\"";
+  if (section && name.size() > kvtool::kNameLimit)
+    return "is " + std::to_string(name.size()) + " characters long; a section name holds at most " +
+           std::to_string(kvtool::kNameLimit);
+  return {};
+}
+
+std::string value_problem(const std::string& value) {
+  if (value.find_first_of("\r\n") != std::string::npos) return "holds a line end";
+  if (!value.empty() && (std::isspace(static_cast<unsigned char>(value.front())) ||
+                         std::isspace(static_cast<unsigned char>(value.back()))))
+    return "begins or ends with white space, which the file does not keep";
+  if (value.find('=') != std::string::npos) return "holds \"=\", where the line would be split when read back";
+  return {};
 }
 
 // Splits "Section/Sub/Tag" into its components; empty components are an error.
@@ -53,24 +200,40 @@ bool split_path(const std::string& text, std::vector<std::string>& parts) {
   }
 }
 
+// "Name=Value" selects a section by its value.
+void split_component(const std::string& component, std::string& name, std::string& value, bool& byValue) {
+  const size_t eq = component.rfind('=');
+  byValue = eq != std::string::npos;
+  name = byValue ? component.substr(0, eq) : component;
+  value = byValue ? component.substr(eq + 1) : std::string();
+}
+
+// The first problem of a set's path and value, as a message; empty when none.
+std::string set_problem(const std::vector<std::string>& parts, const std::string& value) {
+  for (size_t i = 0; i < parts.size(); ++i) {
+    std::string name = parts[i], sectionValue;
+    bool byValue = false;
+    const bool section = i + 1 < parts.size();
+    if (section) split_component(parts[i], name, sectionValue, byValue);
+    if (name.empty()) return "section \"" + parts[i] + "\" has no name";
+    std::string problem = name_problem(name, section);
+    if (!problem.empty()) return (section ? "section name \"" : "tag \"") + name + "\" " + problem;
+    problem = byValue ? value_problem(sectionValue) : "";
+    if (!problem.empty()) return "section value \"" + sectionValue + "\" " + problem;
+  }
+  const std::string problem = value_problem(value);
+  return problem.empty() ? "" : "value \"" + value + "\" " + problem;
+}
+
 // Enters the section named by one path component from the start of the
 // current section: "Name" is the first section of that name, "Name=Value" the
 // first whose value is Value. With create, a missing section is added.
 bool enter_section(InstrHandle& h, const std::string& component, bool create) {
-  std::string name = component, value;
-  const size_t eq = component.rfind('=');
-  const bool byValue = eq != std::string::npos;
-  if (byValue) {
-    name = component.substr(0, eq);
-    value = component.substr(eq + 1);
-  }
-  bool found = false;
+  std::string name, value;
+  bool byValue = false;
+  split_component(component, name, value, byValue);
   h.Seek(InstrTypeBOS);
-  if (byValue) {
-    found = h.FindSection(name.c_str(), value.c_str());
-  } else {
-    found = h.FirstSection(name.c_str());
-  }
+  const bool found = byValue ? h.FindSection(name.c_str(), value.c_str()) : h.FirstSection(name.c_str());
   if (!found) {
     if (!create) return false;
     h.Seek(InstrTypeEOS);
@@ -81,50 +244,31 @@ bool enter_section(InstrHandle& h, const std::string& component, bool create) {
 
 // Prints the items of the tree, indented by depth.
 void print_tree(InstrHandle& h, bool lines) {
-  char* tag = nullptr;
-  char* value = nullptr;
-  int depth = 0;
-  h.Seek(InstrTypeBOF);
-  for (;;) {
-    const InstrType t = h.NextItem(tag, value);
-    if (t == InstrTypeEOF) break;
-    if (t == InstrTypeEOS) {
-      h.ExitSection();
-      --depth;
-      continue;
-    }
-    if (lines) std::printf("%5d  ", h.CurLine());
-    std::printf("%*s", depth * 2, "");
-    if (t == InstrTypeSection) {
-      std::printf("%s/%s%s\n", tag, value[0] != '\0' ? " = " : "", value);
-      h.EnterSection();
-      ++depth;
-    } else if (tag[0] == '\0') {
-      std::printf("(bare) %s\n", value);
-    } else {
-      std::printf("%s = %s\n", tag, value);
-    }
+  Walk walk(h);
+  Item item;
+  while (walk.next(item)) {
+    if (lines) std::printf("%5d  ", item.line);
+    std::printf("%*s", item.depth * 2, "");
+    if (item.type == InstrTypeSection)
+      std::printf("%s/%s%s\n", item.tag, item.value[0] != '\0' ? " = " : "", item.value);
+    else if (item.tag[0] == '\0')
+      std::printf("(bare) %s\n", item.value);
+    else
+      std::printf("%s = %s\n", item.tag, item.value);
   }
 }
 
-// Opens FILE for a command: converts the path, applies the header option and
-// reads it. mustExist: a missing file is an error.
-bool open_file(const std::string& command, const std::string& file, const HeaderOption& header, bool mustExist,
-               InstrHandle& h) {
-  std::string dos;
-  if (!to_dos(command, file, dos)) return false;
-  h.Path(pathname(dos.c_str()));
-  if (!h.Path().is_valid()) {
-    std::fprintf(stderr, "kvtool instr %s: %s: not a valid path for the library\n", command.c_str(), file.c_str());
-    return false;
-  }
-  header.apply(h);
-  return read_file(h, file, mustExist ? IHReadMustExist : IHReadNone);
-}
+const char* const kDepthNote = "Documents whose sections are nested deeper than 1000 levels are refused.";
+const char* const kLimits =
+    "FILE arguments are host paths. A rewritten file is read back first and is left as it is unless it\n"
+    "reads back the same; symbolic links are written through, anything but a regular file is refused.\n"
+    "Sections nested deeper than 1000 levels are refused by tree, set and fmt.\n"
+    "Exit status: 0 on success, 1 on a failure (a bad file, a refused change), 2 on a usage error.";
 
 void setup_instr_command(CLI::App& app, int& exitCode) {
   CLI::App* instr = app.add_subcommand("instr", "Instrument parameter files");
   instr->require_subcommand(1);
+  instr->footer(kLimits);
 
   // check FILE...
   static std::vector<std::string> checkFiles;
@@ -134,9 +278,10 @@ void setup_instr_command(CLI::App& app, int& exitCode) {
   checkHeader.add_to(check);
   check->callback([&exitCode] {
     exitCode = 0;
-    for (const std::string& file : checkFiles) {
+    for (const std::string& name : checkFiles) {
+      kvtool::UserFile file("kvtool instr check", name);
       InstrHandle h;
-      if (!open_file("check", file, checkHeader, true, h)) exitCode = 1;
+      if (!load(file, h, checkHeader, false, false, false, false)) exitCode = 1;
     }
   });
 
@@ -148,12 +293,12 @@ void setup_instr_command(CLI::App& app, int& exitCode) {
   tree->add_option("file", treeFile, "File to print")->required();
   tree->add_flag("--lines", treeLines, "Show the line each item was read from");
   treeHeader.add_to(tree);
+  tree->footer(kDepthNote);
   tree->callback([&exitCode] {
+    exitCode = 1;
+    kvtool::UserFile file("kvtool instr tree", treeFile);
     InstrHandle h;
-    if (!open_file("tree", treeFile, treeHeader, true, h)) {
-      exitCode = 1;
-      return;
-    }
+    if (!load(file, h, treeHeader, false, false, false, true)) return;
     print_tree(h, treeLines);
     exitCode = 0;
   });
@@ -161,7 +306,8 @@ void setup_instr_command(CLI::App& app, int& exitCode) {
   // get FILE PATH
   static std::string getFile, getPath;
   static HeaderOption getHeader;
-  CLI::App* get = instr->add_subcommand("get", "Print the value of Section/Sub/Tag (Name=Value selects a section by value)");
+  CLI::App* get =
+      instr->add_subcommand("get", "Print the value of Section/Sub/Tag (Name=Value selects a section by value)");
   get->add_option("file", getFile, "File to read")->required();
   get->add_option("path", getPath, "Section/Sub/Tag")->required();
   getHeader.add_to(get);
@@ -172,8 +318,9 @@ void setup_instr_command(CLI::App& app, int& exitCode) {
       std::fprintf(stderr, "kvtool instr get: \"%s\" has an empty component\n", getPath.c_str());
       return;
     }
+    kvtool::UserFile file("kvtool instr get", getFile);
     InstrHandle h;
-    if (!open_file("get", getFile, getHeader, true, h)) return;
+    if (!load(file, h, getHeader, false, false, false, false)) return;
     for (size_t i = 0; i + 1 < parts.size(); ++i) {
       if (!enter_section(h, parts[i], false)) {
         std::fprintf(stderr, "kvtool instr get: %s: no section %s\n", getFile.c_str(), parts[i].c_str());
@@ -192,12 +339,16 @@ void setup_instr_command(CLI::App& app, int& exitCode) {
   // set FILE PATH VALUE
   static std::string setFile, setPath, setValue;
   static HeaderOption setHeader;
+  static bool setForce = false;
   CLI::App* set = instr->add_subcommand(
       "set", "Change or add Section/Sub/Tag and rewrite the file (comments and blank lines are not kept)");
   set->add_option("file", setFile, "File to change (created when missing)")->required();
   set->add_option("path", setPath, "Section/Sub/Tag; missing sections are added")->required();
   set->add_option("value", setValue, "The new value")->required();
+  set->add_flag("--force", setForce, "Replace a read-only file too");
   setHeader.add_to(set);
+  set->footer(std::string("A value that begins with \"-\" goes after \"--\": kvtool instr set FILE Axis/Offset -- -0.5\n") +
+              kDepthNote);
   set->callback([&exitCode] {
     exitCode = 1;
     std::vector<std::string> parts;
@@ -205,33 +356,34 @@ void setup_instr_command(CLI::App& app, int& exitCode) {
       std::fprintf(stderr, "kvtool instr set: \"%s\" has an empty component\n", setPath.c_str());
       return;
     }
-    InstrHandle h;
-    if (!open_file("set", setFile, setHeader, false, h)) return;
-    for (size_t i = 0; i + 1 < parts.size(); ++i) enter_section(h, parts[i], true);
-    h.SetStr(parts.back().c_str(), setValue.c_str());
-    if (!h.Write()) {
-      std::fprintf(stderr, "kvtool instr set: %s: cannot be written\n", setFile.c_str());
+    const std::string problem = set_problem(parts, setValue);
+    if (!problem.empty()) {
+      std::fprintf(stderr, "kvtool instr set: %s; nothing was written\n", problem.c_str());
       return;
     }
-    exitCode = 0;
+    kvtool::UserFile file("kvtool instr set", setFile);
+    InstrHandle h;
+    if (!load(file, h, setHeader, true, true, setForce, true)) return;
+    for (size_t i = 0; i + 1 < parts.size(); ++i) enter_section(h, parts[i], true);
+    h.SetStr(parts.back().c_str(), setValue.c_str());
+    if (rewrite(file, h, setHeader)) exitCode = 0;
   });
 
   // fmt FILE
   static std::string fmtFile;
   static HeaderOption fmtHeader;
+  static bool fmtForce = false;
   CLI::App* fmt = instr->add_subcommand(
       "fmt", "Rewrite a file in the canonical form (CR LF, TAB indents; comments and blank lines are not kept)");
   fmt->add_option("file", fmtFile, "File to rewrite")->required();
+  fmt->add_flag("--force", fmtForce, "Replace a read-only file too");
   fmtHeader.add_to(fmt);
+  fmt->footer(kDepthNote);
   fmt->callback([&exitCode] {
     exitCode = 1;
+    kvtool::UserFile file("kvtool instr fmt", fmtFile);
     InstrHandle h;
-    if (!open_file("fmt", fmtFile, fmtHeader, true, h)) return;
-    if (!h.Write()) {
-      std::fprintf(stderr, "kvtool instr fmt: %s: cannot be written\n", fmtFile.c_str());
-      return;
-    }
-    exitCode = 0;
+    if (load(file, h, fmtHeader, true, false, fmtForce, true) && rewrite(file, h, fmtHeader)) exitCode = 0;
   });
 }
 

@@ -11,6 +11,7 @@
 
 #include "SystemKvCore.h"
 #include "kvtool.h"
+#include "kvtool_files.h"
 
 namespace {
 
@@ -141,6 +142,25 @@ void setup_path_commands(CLI::App& app, int& exitCode) {
       "name matches, 1 when none does, 2 for an invalid pattern; with --list, 0 when the list has a\n"
       "valid directory and at least one name and every name given is valid, 1 otherwise.");
   path->callback([texts, pattern, list, &exitCode] {
+    // Texts the library would cut are refused before anything is shown.
+    const bool withDirectory = pattern->find_first_of("\\:") != std::string::npos;
+    bool refused = false;
+    auto check = [&refused](const std::string& text, bool nameOnly) {
+      const std::string reason = kvtool::path_cut_reason(text, nameOnly);
+      if (!reason.empty()) std::fprintf(stderr, "kvtool path: \"%s\" %s\n", text.c_str(), reason.c_str());
+      refused = refused || !reason.empty();
+    };
+    if (!pattern->empty()) check(*pattern, !withDirectory);
+    if (refused) {
+      exitCode = 2;
+      return;
+    }
+    for (size_t i = 0; i < texts->size(); ++i)
+      check((*texts)[i], *list ? i > 0 : !pattern->empty() && !withDirectory);
+    if (refused) {
+      exitCode = 1;
+      return;
+    }
     if (*list) {
       exitCode = show_list(*texts);
       return;

@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -70,14 +71,78 @@ const char* prefix_name(Prefix p) {
   return (i >= 0 && i <= 10) ? names[i] : "(unknown)";
 }
 
-Meas read_measurement(const std::string& text) { return Meas(from_terminal(text).c_str()); }
+constexpr size_t kUnitLimit = 10;  // characters the library keeps of one unit factor
+
+bool is_blank(char c) { return c == ' ' || c == '\t'; }
+
+// Why the library would cut a factor of a unit text (it keeps 10 characters
+// of each); empty when it keeps them all.
+std::string unit_problem(const std::string& text) {
+  for (size_t start = 0; start <= text.size();) {
+    size_t end = text.find_first_of("*/", start);
+    if (end == std::string::npos) end = text.size();
+    size_t first = start, last = end;
+    while (first < last && is_blank(text[first])) ++first;
+    while (last > first && is_blank(text[last - 1])) --last;
+    if (last - first > kUnitLimit)
+      return "the unit \"" + text.substr(first, last - first) + "\" has " + std::to_string(last - first) +
+             " characters; the library keeps at most " + std::to_string(kUnitLimit) + " and would cut it";
+    start = end + 1;
+  }
+  return {};
+}
+
+// Reads "<value> <units>" as the user wrote it. A value that is not a finite
+// number, or units the library would cut, are refused with a message that
+// names the text.
+bool read_measurement(const char* command, const std::string& text, Meas& out) {
+  size_t at = 0;
+  while (at < text.size() && is_blank(text[at])) ++at;
+  size_t end = at;
+  while (end < text.size() && !is_blank(text[end])) ++end;
+  size_t units = end;
+  while (units < text.size() && is_blank(text[units])) ++units;
+  const std::string number = text.substr(at, end - at);
+  std::string problem;
+  char* stop = nullptr;
+  const double value = std::strtod(number.c_str(), &stop);
+  if (number.empty())
+    problem = "there is no value";
+  else if (stop == number.c_str())
+    problem = "\"" + number + "\" is not a number";
+  else if (*stop != '\0')
+    problem = "\"" + number + "\" is not a number (a blank separates the value from its units: \"" +
+              number.substr(0, size_t(stop - number.c_str())) + " " + stop + "\")";
+  else if (!std::isfinite(value))
+    problem = "its value is not a finite number";
+  else
+    problem = unit_problem(text.substr(units));
+  if (!problem.empty()) {
+    std::fprintf(stderr, "kvtool units %s: \"%s\": %s\n", command, text.c_str(), problem.c_str());
+    return false;
+  }
+  out = Meas(from_terminal(text).c_str());
+  return true;
+}
+
+// Reads a unit text; refused (with a message) when the library would cut it.
+bool read_units(const char* command, const std::string& text, Units& out) {
+  const std::string problem = unit_problem(text);
+  if (!problem.empty()) {
+    std::fprintf(stderr, "kvtool units %s: \"%s\": %s\n", command, text.c_str(), problem.c_str());
+    return false;
+  }
+  out = Units(from_terminal(text).c_str());
+  return true;
+}
 
 int convert(const std::string& measurement, const std::string& target) {
-  const Meas m = read_measurement(measurement);
-  const Units to(from_terminal(target).c_str());
+  Meas m;
+  Units to;
+  if (!read_measurement("convert", measurement, m) || !read_units("convert", target, to)) return 1;
   if (!m.GetUnits().SameType(to)) {
-    std::fprintf(stderr, "kvtool units: cannot convert \"%s\" to \"%s\": the units are incompatible\n",
-                 to_terminal(unit_text(m.GetUnits())).c_str(), to_terminal(unit_text(to)).c_str());
+    std::fprintf(stderr, "kvtool units convert: cannot convert \"%s\" to \"%s\": the units are incompatible\n",
+                 measurement.c_str(), target.c_str());
     return 1;
   }
   std::printf("%s\n", measurement_text(m.ConvMeas(to)).c_str());
@@ -85,7 +150,9 @@ int convert(const std::string& measurement, const std::string& target) {
 }
 
 int autoscale(const std::string& measurement) {
-  std::printf("%s\n", measurement_text(read_measurement(measurement).AutoScale()).c_str());
+  Meas m;
+  if (!read_measurement("auto", measurement, m)) return 1;
+  std::printf("%s\n", measurement_text(m.AutoScale()).c_str());
   return 0;
 }
 
@@ -113,7 +180,8 @@ void show_list(const char* title, const UnitList& list) {
 }
 
 int show(const std::string& text) {
-  const Units u(from_terminal(text).c_str());
+  Units u;
+  if (!read_units("show", text, u)) return 1;
   std::printf("\"%s\" reads as \"%s\"%s\n", text.c_str(), to_terminal(unit_text(u)).c_str(),
               u.IsScalar() ? " (the scalar unit)" : "");
   show_list("numerator", u.Numerator());
@@ -124,7 +192,10 @@ int show(const std::string& text) {
 void setup_units_commands(CLI::App& app, int& exitCode) {
   CLI::App* units = app.add_subcommand("units", "Units and measurements");
   units->require_subcommand(1);
-  units->footer("Exit status: 0 on success, 1 when the units are incompatible.");
+  units->footer(
+      "Values must be finite numbers, separated from their units by a blank; a unit keeps at most 10\n"
+      "characters. A negative value goes after \"--\": kvtool units auto -- \"-5 V\"\n"
+      "Exit status: 0 on success, 1 when the text is refused or the units are incompatible, 2 on a usage error.");
 
   auto measurement = std::make_shared<std::string>();
   auto target = std::make_shared<std::string>();

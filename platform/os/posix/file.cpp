@@ -20,6 +20,19 @@ namespace {
 
 int fd_of(file_t file) { return static_cast<int>(file); }
 
+// The error code of the last failed operation of this thread (file_last_error).
+thread_local int t_lastError = 0;
+
+bool fail(int code) {
+  t_lastError = code;
+  return false;
+}
+
+file_t fail_open(int code) {
+  t_lastError = code;
+  return kInvalidFile;
+}
+
 bool map(const std::string& dos, std::string& host) { return !dos.empty() && dos_to_host(dos, host); }
 
 int64_t mtime_of(const struct stat& st) { return unix_to_file_time(st.st_mtim.tv_sec, st.st_mtim.tv_nsec); }
@@ -103,24 +116,26 @@ uint32_t file_attributes(const std::string& dosPath) {
 
 file_t file_open(const std::string& dosPath, FileOpenMode mode) {
   std::string host;
-  if (fault_check(FaultPoint::FileOpen) || !map(dosPath, host)) return kInvalidFile;
+  if (fault_check(FaultPoint::FileOpen)) return fail_open(EIO);
+  if (!map(dosPath, host)) return fail_open(ENOENT);
   int flags = O_CLOEXEC;
   switch (mode) {
     case kFileReadExisting: flags |= O_RDONLY; break;
     case kFileWriteExisting: flags |= O_WRONLY; break;
     case kFileCreateAlways: flags |= O_WRONLY | O_CREAT | O_TRUNC; break;
     case kFileCreateNew: flags |= O_WRONLY | O_CREAT | O_EXCL; break;
-    default: return kInvalidFile;
+    default: return fail_open(EINVAL);
   }
   int fd;
   do {
     fd = open(host.c_str(), flags, 0666);
   } while (fd < 0 && errno == EINTR);
-  if (fd < 0) return kInvalidFile;
+  if (fd < 0) return fail_open(errno);
   struct stat st;
   if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    const int code = S_ISDIR(st.st_mode) ? EISDIR : errno;
     close(fd);
-    return kInvalidFile;
+    return fail_open(code);
   }
   return fd;
 }
@@ -133,22 +148,23 @@ bool file_close(file_t file) {
 }
 
 bool file_seek(file_t file, uint64_t offset) {
-  if (file == kInvalidFile || fault_check(FaultPoint::FileSeek)) return false;
-  if (offset > static_cast<uint64_t>(INT64_MAX)) return false;
-  return lseek(fd_of(file), static_cast<off_t>(offset), SEEK_SET) == static_cast<off_t>(offset);
+  if (file == kInvalidFile) return fail(EBADF);
+  if (fault_check(FaultPoint::FileSeek)) return fail(EIO);
+  if (offset > static_cast<uint64_t>(INT64_MAX)) return fail(EINVAL);
+  return lseek(fd_of(file), static_cast<off_t>(offset), SEEK_SET) == static_cast<off_t>(offset) || fail(errno);
 }
 
 bool file_read(file_t file, void* buffer, uint64_t size, uint64_t& done) {
   done = 0;
-  if (file == kInvalidFile || (size > 0 && buffer == nullptr)) return false;
-  if (fault_check(FaultPoint::FileRead)) return false;
+  if (file == kInvalidFile || (size > 0 && buffer == nullptr)) return fail(EINVAL);
+  if (fault_check(FaultPoint::FileRead)) return fail(EIO);
   char* out = static_cast<char*>(buffer);
   while (done < size) {
     const size_t chunk = static_cast<size_t>(std::min<uint64_t>(size - done, 1u << 30));
     const ssize_t n = read(fd_of(file), out + done, chunk);
     if (n < 0) {
       if (errno == EINTR) continue;
-      return false;
+      return fail(errno);
     }
     if (n == 0) break;
     done += static_cast<uint64_t>(n);
@@ -158,7 +174,7 @@ bool file_read(file_t file, void* buffer, uint64_t size, uint64_t& done) {
 
 bool file_write(file_t file, const void* buffer, uint64_t size, uint64_t& done) {
   done = 0;
-  if (file == kInvalidFile || (size > 0 && buffer == nullptr)) return false;
+  if (file == kInvalidFile || (size > 0 && buffer == nullptr)) return fail(EINVAL);
   uint64_t limit = size;
   const bool injected = fault_check(FaultPoint::FileWrite);
   if (injected) limit = size / 2;  // a disk that fills up half-way
@@ -168,26 +184,28 @@ bool file_write(file_t file, const void* buffer, uint64_t size, uint64_t& done) 
     const ssize_t n = write(fd_of(file), in + done, chunk);
     if (n < 0) {
       if (errno == EINTR) continue;
-      return false;
+      return fail(errno);
     }
-    if (n == 0) return false;
+    if (n == 0) return fail(ENOSPC);
     done += static_cast<uint64_t>(n);
   }
-  return !injected;
+  return !injected || fail(ENOSPC);
 }
 
 bool file_sync(file_t file) {
-  if (file == kInvalidFile || fault_check(FaultPoint::FileSync)) return false;
+  if (file == kInvalidFile) return fail(EBADF);
+  if (fault_check(FaultPoint::FileSync)) return fail(EIO);
   int rc;
   do {
     rc = fsync(fd_of(file));
   } while (rc != 0 && errno == EINTR);
-  return rc == 0;
+  return rc == 0 || fail(errno);
 }
 
 bool file_get_size(file_t file, uint64_t& size) {
   struct stat st;
-  if (file == kInvalidFile || fstat(fd_of(file), &st) != 0) return false;
+  if (file == kInvalidFile) return fail(EBADF);
+  if (fstat(fd_of(file), &st) != 0) return fail(errno);
   size = static_cast<uint64_t>(st.st_size);
   return true;
 }
@@ -214,6 +232,17 @@ bool file_set_time(file_t file, int64_t lastWriteUtc) {
   times[1].tv_sec = static_cast<time_t>(seconds);
   times[1].tv_nsec = static_cast<long>(rest * 100);
   return futimens(fd_of(file), times) == 0;
+}
+
+bool file_touch(const std::string& dosPath) {
+  std::string host;
+  if (fault_check(FaultPoint::FileSetTime) || !map(dosPath, host)) return false;
+  timespec times[2];
+  times[0].tv_sec = 0;
+  times[0].tv_nsec = UTIME_OMIT;
+  times[1].tv_sec = 0;
+  times[1].tv_nsec = UTIME_NOW;
+  return utimensat(AT_FDCWD, host.c_str(), times, 0) == 0;
 }
 
 bool file_delete(const std::string& dosPath) {
@@ -247,5 +276,7 @@ bool disk_free_space(const std::string& dosPath, uint64_t& freeToCaller, uint64_
   if (totalFree != nullptr) *totalFree = static_cast<uint64_t>(vfs.f_bfree) * unit;
   return true;
 }
+
+int file_last_error() { return t_lastError; }
 
 }  // namespace kvos

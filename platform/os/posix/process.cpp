@@ -2,6 +2,7 @@
 #include "kvos/process.h"
 
 #include <time.h>
+#include <unistd.h>
 
 namespace kvos {
 namespace {
@@ -19,5 +20,7 @@ __attribute__((constructor)) void record_process_start() { g_startMs = monotonic
 }  // namespace
 
 uint64_t process_elapsed_ms() { return monotonic_ms() - g_startMs; }
+
+void process_terminate_now(int status) { _exit(status); }
 
 }  // namespace kvos

@@ -56,9 +56,15 @@ struct Waitable {
   std::vector<ThreadState*> waiters;
 };
 
+// A queued routine; `owner` is the timer whose expiry queued it (null for others).
+struct Queued {
+  Completion routine;
+  const void* owner = nullptr;
+};
+
 struct ThreadState {
   std::condition_variable cv;
-  std::deque<Completion> queue;
+  std::deque<Queued> queue;
   // Timers armed by this thread whose completion is not delivered yet.
   std::vector<WaitableTimer::Impl*> pending;
   bool ended = false;
@@ -75,7 +81,7 @@ struct CurrentThread {
   std::shared_ptr<ThreadState> state;
   ~CurrentThread() {
     if (!state) return;
-    std::deque<Completion> dropped;
+    std::deque<Queued> dropped;
     {
       std::lock_guard<std::mutex> lock(wait_lock());
       state->ended = true;
@@ -125,8 +131,9 @@ struct WaitableTimer::Impl : Waitable {
     if (armer) {
       forget_armer();
       if (completion && !armer->ended) {
-        armer->queue.push_back(std::move(completion));
+        armer->queue.push_back({std::move(completion), this});
         armer->cv.notify_one();
+        queuedTo = armer;
       }
       armer.reset();
     }
@@ -144,12 +151,25 @@ struct WaitableTimer::Impl : Waitable {
     completion = nullptr;
   }
 
-  // Removes an undelivered arming.
+  // Removes the arming and a completion that expiry queued but that has not
+  // started to run.
   void disarm(Guard& guard) {
     armed = false;
     forget_armer();
     armer.reset();
     drop_completion(guard);
+    if (const std::shared_ptr<ThreadState> thread = queuedTo.lock()) {
+      auto& queue = thread->queue;
+      for (auto it = queue.begin(); it != queue.end();) {
+        if (it->owner != this) {
+          ++it;
+          continue;
+        }
+        guard.trash.push_back(std::move(it->routine));
+        it = queue.erase(it);
+      }
+    }
+    queuedTo.reset();
   }
 
   bool manual;
@@ -159,6 +179,7 @@ struct WaitableTimer::Impl : Waitable {
   int64_t due = 0;
   Completion completion;
   std::shared_ptr<ThreadState> armer;
+  std::weak_ptr<ThreadState> queuedTo;  // where expiry queued the completion
 };
 
 namespace {
@@ -172,7 +193,7 @@ void settle_pending(ThreadState& self, int64_t now, Guard& guard) {
 // the queue is empty (routines may queue more).
 void run_queue(ThreadState& self, Guard& guard) {
   while (!self.queue.empty()) {
-    Completion routine = std::move(self.queue.front());
+    Completion routine = std::move(self.queue.front().routine);
     self.queue.pop_front();
     guard.lock.unlock();
     routine();
@@ -239,7 +260,7 @@ bool ThreadRef::queue_completion(Completion routine) const {
   if (!state_ || !routine) return false;
   std::lock_guard<std::mutex> lock(wait_lock());
   if (state_->ended) return false;
-  state_->queue.push_back(std::move(routine));
+  state_->queue.push_back({std::move(routine), nullptr});
   state_->cv.notify_one();
   return true;
 }
@@ -306,8 +327,7 @@ bool WaitableTimer::arm(int64_t due, Completion completion) {
   Guard guard;
   const int64_t now = system_file_time();
   if (due < 0) due = due == INT64_MIN || now > INT64_MAX + due ? INT64_MAX : now - due;
-  impl_->settle(now, guard);  // an earlier expiry is delivered, as it would have been at its time
-  impl_->disarm(guard);
+  impl_->disarm(guard);  // also takes back the completion of an earlier expiry that has not run
   impl_->armed = true;
   impl_->signalled = false;
   impl_->due = due;
@@ -324,7 +344,7 @@ bool WaitableTimer::arm(int64_t due, Completion completion) {
 bool WaitableTimer::cancel() {
   if (!impl_->valid || fault_check(FaultPoint::TimerCancel)) return false;
   Guard guard;
-  impl_->settle(system_file_time(), guard);
+  impl_->settle(system_file_time(), guard);  // an expiry that is due signals the timer
   impl_->disarm(guard);
   notify_waiters(*impl_);
   return true;

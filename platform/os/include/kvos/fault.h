@@ -23,7 +23,7 @@ enum class FaultPoint : unsigned {
   FileWrite,     // file_write: stores half of the bytes, then fails (disk full)
   FileSync,      // file_sync
   FileGetTime,   // file_get_time
-  FileSetTime,   // file_set_time
+  FileSetTime,   // file_set_time, file_touch
   FileClose,     // file_close: the handle is closed all the same
   FileReplace,   // file_replace: the rename is refused
   FileDelete,    // file_delete

@@ -45,10 +45,21 @@ KVOS_API bool file_sync(file_t file);
 // Size of an open file.
 KVOS_API bool file_get_size(file_t file, uint64_t& size);
 
+// The system's error code of the last failed open, seek, read, write, sync or
+// size query of the calling thread (errno values here); an injected fault
+// leaves EIO, or ENOSPC for a write.
+KVOS_API int file_last_error();
+
 // Last-write time of an open file as a UTC file time (100 ns since 1601).
 KVOS_API bool file_get_time(file_t file, int64_t& lastWriteUtc);
 // Sets the last-write time (the access time is left alone).
 KVOS_API bool file_set_time(file_t file, int64_t lastWriteUtc);
+
+// Sets the last-write time of a file to the time the file system would put
+// on a write made now (its own clock, which may run behind system_file_time
+// by up to a scheduler tick). Repeated until the time has moved past another
+// file's, it makes the two files' times differ from then on.
+KVOS_API bool file_touch(const std::string& dosPath);
 
 // Deletes a file (not a directory).
 KVOS_API bool file_delete(const std::string& dosPath);

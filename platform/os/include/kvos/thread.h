@@ -5,6 +5,7 @@
 // (kvos/waitable_timer.h), and run on that thread only while it waits
 // alertably: an alertable sleep or wait runs every queued routine and then
 // returns kWaitCompletion. A thread that never waits alertably never runs them.
+// A timer that is cancelled or armed again takes back the routine it queued.
 #pragma once
 
 #include <cstdint>

@@ -17,7 +17,8 @@ class KVOS_API WaitableTimer {
   // A manual-reset timer stays signalled after expiry until armed again; an
   // auto-reset one is reset by the wait that it releases.
   explicit WaitableTimer(bool manualReset = true);
-  // An armed timer is cancelled; its undelivered completion is dropped.
+  // An armed timer is cancelled; its completion is dropped, also when expiry
+  // has queued it already and it has not started to run.
   ~WaitableTimer();
   WaitableTimer(const WaitableTimer&) = delete;
   WaitableTimer& operator=(const WaitableTimer&) = delete;
@@ -29,12 +30,15 @@ class KVOS_API WaitableTimer {
   // a time relative to now, in 100 ns units. The timer becomes unsignalled;
   // at `due` it becomes signalled and `completion` (if any) is queued to the
   // calling thread. Arming again replaces the earlier arming and its
-  // completion, unless that has already expired.
+  // completion; a completion that an earlier expiry queued and that has not
+  // started to run is taken back as well.
   bool arm(int64_t due, Completion completion = {});
 
-  // Stops a pending expiry. The signalled state is left as it is, so a timer
-  // cancelled before expiry stays unsignalled; a completion that was already
-  // queued still runs.
+  // Stops a pending expiry and takes back its completion, also one that
+  // expiry has queued already and that has not started to run (a routine
+  // that is running finishes). The signalled state is left as it is, so a
+  // timer cancelled before expiry stays unsignalled and one cancelled after
+  // it stays signalled.
   bool cancel();
 
   // Waits up to timeoutMs for the timer to be signalled (0 only tests it).

@@ -1,0 +1,278 @@
+// kvtool as a user runs it: exit statuses, messages, and what happens to the
+// files around it. Every case runs the built program in a directory of
+// prepared files and checks that no file changed but the ones it names.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kBase = "Korvalis Data File\r\n\r\nA = 1\r\nS\r\n{\r\n\tT = 2\r\n}\r\n";
+
+std::string quoted(const std::string& word) {
+  std::string out = "'";
+  for (char c : word) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out + "'";
+}
+
+// A document nested `depth` sections deep.
+std::string nested(int depth) {
+  std::string text = "Korvalis Data File\n";
+  for (int i = 0; i < depth; ++i) text += "S\n{\n";
+  text += "A = 1\n";
+  for (int i = 0; i < depth; ++i) text += "}\n";
+  return text;
+}
+
+struct Result {
+  int status;
+  std::string out, err;
+};
+
+struct Row {
+  std::vector<std::string> args;
+  int status;
+  std::string err = "";  // a text that standard error holds; empty: nothing on standard error
+  std::string out = "";  // standard output, exactly
+  std::string file = "", holds = "";  // the only file that may change, and what it then holds
+  bool unprivileged = false;          // run as an ordinary user, so that access rights apply
+};
+
+class Kvtool : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::permissions(dir_.path(), fs::perms::all);
+    for (const char* name : {"base.ins", "ro.ins", "target.ins", "file.ins", "secret.ins", "locked/in.ins"}) {
+      fs::create_directories(fs::path(dir_.file(name)).parent_path());
+      kvtest::write_file(dir_.file(name), kBase);
+    }
+    kvtest::write_file(dir_.file("zero.ins"), std::string("Korvalis Data File\nA = 1\n\0B = 2\n", 32));
+    kvtest::write_file(dir_.file("cont.ins"), "Korvalis Data File\nTag \\= a\\\nb=c\n");
+    kvtest::write_file(dir_.file("deep1000.ins"), nested(1000));
+    kvtest::write_file(dir_.file("deep1001.ins"), nested(1001));
+    fs::create_symlink("target.ins", dir_.file("link.ins"));
+    ASSERT_EQ(mkfifo(dir_.file("fifo").c_str(), 0644), 0);
+    // A device of our own (the null device's numbers): a faulty kvtool must not replace the system's.
+    if (mknod(dir_.file("dev").c_str(), S_IFCHR | 0666, makedev(1, 3)) != 0) fs::create_symlink("fifo", dir_.file("dev"));
+    fs::permissions(dir_.file("ro.ins"), fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
+    fs::permissions(dir_.file("secret.ins"), fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write);
+    fs::permissions(dir_.file("locked/in.ins"), fs::perms::others_write | fs::perms::others_read,
+                    fs::perm_options::add);
+    fs::permissions(dir_.file("locked"),
+                    fs::perms::all & ~(fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write));
+    long_ = "long";
+    for (int i = 0; i < 5; ++i) long_ += "/" + std::string(50, 'd');
+    fs::create_directories(dir_.file(long_));
+  }
+  void TearDown() override { fs::permissions(dir_.file("locked"), fs::perms::all); }
+
+  // Every file below the directory with its contents (a link with its target).
+  std::map<std::string, std::string> snapshot() const {
+    std::map<std::string, std::string> files;
+    for (const auto& entry : fs::recursive_directory_iterator(dir_.path())) {
+      const std::string name = fs::relative(entry.path(), dir_.path()).string();
+      if (entry.is_symlink())
+        files[name] = "-> " + fs::read_symlink(entry.path()).string();
+      else if (entry.is_regular_file())
+        files[name] = kvtest::read_file(entry.path());
+      else
+        files[name] = "(not a file)";
+    }
+    return files;
+  }
+
+  Result run(const std::vector<std::string>& args, const std::string& prefix = "") const {
+    std::string command = "cd " + quoted(dir_.path()) + " && " + prefix + " timeout 60 " + quoted(KVTOOL_PATH);
+    for (const std::string& arg : args) command += " " + quoted(arg);
+    command += " >" + quoted(io_.file("out")) + " 2>" + quoted(io_.file("err"));
+    const int status = std::system(command.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, kvtest::read_file(io_.file("out")),
+            kvtest::read_file(io_.file("err"))};
+  }
+
+  void check(const std::vector<Row>& rows) {
+    const std::string user = geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups" : "";
+    for (const Row& row : rows) {
+      std::string shown;
+      for (const std::string& arg : row.args) shown += " " + arg.substr(0, 60);
+      std::map<std::string, std::string> wanted = snapshot();
+      if (!row.file.empty()) wanted[row.file] = row.holds;
+      const Result got = run(row.args, row.unprivileged ? user : "");
+      EXPECT_EQ(got.status, row.status) << "kvtool" << shown << "\n" << got.err;
+      EXPECT_EQ(got.out, row.out) << "kvtool" << shown;
+      if (row.err.empty())
+        EXPECT_EQ(got.err, "") << "kvtool" << shown;
+      else
+        EXPECT_NE(got.err.find(row.err), std::string::npos) << "kvtool" << shown << "\nstderr: " << got.err;
+      std::string changed;  // files created, changed or removed against the wanted state
+      for (const auto& [name, content] : snapshot()) {
+        const auto it = wanted.find(name);
+        if (it == wanted.end() || it->second != content) changed += " " + name;
+        if (it != wanted.end()) wanted.erase(it);
+      }
+      for (const auto& entry : wanted) changed += " " + entry.first;
+      EXPECT_EQ(changed, "") << "kvtool" << shown;
+      if (!row.file.empty()) kvtest::write_file(dir_.file(row.file), kBase);  // the next row starts afresh
+    }
+  }
+
+  kvtest::TempDir dir_, io_;
+  std::string long_;
+};
+
+TEST_F(Kvtool, CommandLine) {
+  check({
+      {{"--version"}, 0, "", "kvtool " KVTOOL_VERSION "\n"},
+      {{}, 2, "A subcommand is required"},
+      {{"frob"}, 2, "kvtool: unknown command \"frob\""},
+      {{"units", "--frob"}, 2, "kvtool units: unknown option \"--frob\""},
+      {{"instr", "set", "base.ins", "A", "-x"}, 2, "unknown option \"-x\""},
+      {{"instr", "set", "base.ins", "A", "--", "-5"}, 0, "", "", "base.ins",
+       "Korvalis Data File\r\n\r\nA = -5\r\nS\r\n{\r\n\tT = 2\r\n}\r\n"},
+  });
+}
+
+TEST_F(Kvtool, Units) {
+  check({
+      {{"units", "convert", "abc nm", "um"}, 1, "\"abc nm\": \"abc\" is not a number"},
+      {{"units", "convert", "1e999 nm", "um"}, 1, "\"1e999 nm\": its value is not a finite number"},
+      {{"units", "auto", "nan V"}, 1, "\"nan V\": its value is not a finite number"},
+      {{"units", "convert", "5000nm", "um"}, 1, "\"5000nm\" is not a number (a blank separates"},
+      {{"units", "convert", "5 nm", "V"}, 1, "cannot convert \"5 nm\" to \"V\""},
+      {{"units", "show", "abcdefghijk/m"}, 1, "the unit \"abcdefghijk\" has 11 characters"},
+      {{"units", "auto", "--", "-2500 mV"}, 0, "", "-2.500 V\n"},
+  });
+}
+
+TEST_F(Kvtool, Path) {
+  const std::string longPath = "c:\\" + std::string(297, 'p') + ".t";  // 302 characters
+  check({
+      {{"path", longPath}, 1, "is 302 characters long; the library keeps at most 260"},
+      {{"path", "--match", std::string(300, 'm'), "x"}, 2, "holds a name of 300 characters"},
+      {{"path", "--match", "*.txt", "a.txt", std::string(257, 'n')}, 1, "holds a name of 257 characters"},
+      {{"path", "--list", "c:\\data\\*.txt", "b.log"}, 0, "",
+       "\"c:\\data\\*.txt\"\n  directory  c:\\data\n  names      2\n    *.txt                c:\\data\\*.txt\n"
+       "    b.log                c:\\data\\b.log\n  wild       yes (several names)\n  valid      yes\n"},
+  });
+}
+
+// check, tree and get read; nothing they are given changes.
+TEST_F(Kvtool, Reading) {
+  check({
+      {{"instr", "check", "zero.ins"}, 1, "zero.ins: contains a NUL byte at offset 25"},
+      {{"instr", "check", "fifo"}, 1, "fifo: not a regular file"},
+      {{"instr", "check", "/proc/self/mem"}, 1, "/proc/self/mem: cannot be read: Input/output error"},
+      {{"instr", "check", "locked"}, 1, "locked: cannot be read: Is a directory"},
+      {{"instr", "check", "secret.ins"}, 1, "secret.ins: cannot be read: Permission denied", "", "", "", true},
+      {{"instr", "get", "zero.ins", "A"}, 1, "zero.ins: contains a NUL byte at offset 25"},
+      {{"instr", "tree", "deep1001.ins"}, 1, "nested 1001 levels deep; kvtool handles at most 1000"},
+      {{"instr", "check", "deep1001.ins"}, 0, ""},
+  });
+  EXPECT_EQ(run({"instr", "tree", "deep1000.ins"}).status, 0) << "1000 levels are within the limit";
+}
+
+TEST_F(Kvtool, Set) {
+  const std::string changed = "Korvalis Data File\r\n\r\nA = 1\r\nS\r\n{\r\n\tT = 2\r\n}\r\nX\r\n{\r\n\tY = z\r\n}\r\n";
+  check({
+      {{"instr", "set", "secret.ins", "X/Y", "z"}, 1, "secret.ins: cannot be read: Permission denied", "", "", "",
+       true},
+      {{"instr", "set", "locked/in.ins", "X/Y", "z"}, 1, "in.ins: cannot be written: Permission denied", "", "", "",
+       true},
+      {{"instr", "set", "/proc/self/mem", "X/Y", "z"}, 1, "cannot be read: Input/output error"},
+      {{"instr", "set", "zero.ins", "X/Y", "z"}, 1, "zero.ins: contains a NUL byte at offset 25"},
+      {{"instr", "set", "fifo", "X/Y", "z"}, 1, "fifo: not a regular file"},
+      {{"instr", "set", "dev", "X/Y", "z"}, 1, "dev: not a regular file"},
+      {{"instr", "set", "ro.ins", "X/Y", "z"}, 1, "ro.ins: the file is read-only; --force replaces it"},
+      {{"instr", "set", "--force", "ro.ins", "X/Y", "z"}, 0, "", "", "ro.ins", changed},
+      {{"instr", "set", "link.ins", "X/Y", "z"}, 0, "", "", "target.ins", changed},
+      {{"instr", "set", "FILE.ins", "X/Y", "z"}, 1, "leads to " + fs::canonical(dir_.path()).string() + "/file.ins"},
+      {{"instr", "set", long_ + "/f.ins", "X/Y", "z"}, 1, "characters long; the library keeps at most 260"},
+      {{"instr", "set", "nodir/f.ins", "X/Y", "z"}, 1, "nodir/f.ins: No such file or directory"},
+      {{"instr", "set", "base.ins", "X/Y", "a=b"}, 1, "value \"a=b\" holds \"=\""},
+      {{"instr", "set", "base.ins", "X/Y", "a\n}"}, 1, "holds a line end"},
+      {{"instr", "set", "base.ins", "X/Y", " a"}, 1, "begins or ends with white space"},
+      {{"instr", "set", "base.ins", "X/#c", "1"}, 1, "tag \"#c\" begins with \"#\""},
+      {{"instr", "set", "base.ins", "X/{", "1"}, 1, "tag \"{\" begins with a brace"},
+      {{"instr", "set", "base.ins", "X/}", "1"}, 1, "tag \"}\" begins with a brace"},
+      {{"instr", "set", "base.ins", "X/Y=1", "1"}, 1, "tag \"Y=1\" holds \"=\""},
+      {{"instr", "set", "base.ins", std::string(257, 's') + "/T", "1"}, 1, "is 257 characters long; a section"},
+      {{"instr", "set", "--header", "", "base.ins", "X/Y", "z"}, 1, "would not read back the same"},
+      {{"instr", "set", "base.ins", "X/Y", "}"}, 0, "", "",
+       "base.ins", "Korvalis Data File\r\n\r\nA = 1\r\nS\r\n{\r\n\tT = 2\r\n}\r\nX\r\n{\r\n\tY = }\r\n}\r\n"},
+  });
+  EXPECT_TRUE(fs::is_symlink(dir_.file("link.ins"))) << "the link was written through, not replaced";
+}
+
+TEST_F(Kvtool, Fmt) {
+  check({
+      {{"instr", "fmt", "cont.ins"}, 1, "record \"Tag = ab=c\" would not read back the same"},
+      {{"instr", "fmt", "deep1001.ins"}, 1, "nested 1001 levels deep"},
+      {{"instr", "fmt", "zero.ins"}, 1, "contains a NUL byte at offset 25"},
+      {{"instr", "fmt", "ro.ins"}, 1, "the file is read-only"},
+      {{"instr", "fmt", "fifo"}, 1, "not a regular file"},
+      {{"instr", "fmt", "base.ins"}, 0, "", "", "base.ins", kBase},
+  });
+}
+
+TEST_F(Kvtool, HeapDemoSaysWhenItsTableWasNotWritten) {
+  const Result got = run({"heap", "demo", "--dir", "/proc"});
+  EXPECT_EQ(got.status, 1);
+  EXPECT_NE(got.err.find("the usage table was not appended to /proc/heapdump.txt: "), std::string::npos) << got.err;
+  EXPECT_EQ(got.out.find("appended"), std::string::npos);
+}
+
+// Parallel read-modify-write of one file loses no update.
+TEST_F(Kvtool, ConcurrentSetsKeepEveryKey) {
+  std::string script = "cd " + quoted(dir_.path()) + " && for p in 1 2 3 4; do (for i in $(seq 15); do " +
+                       quoted(KVTOOL_PATH) + " instr set many.ins S/k${p}_$i v || exit 1; done) & done; wait";
+  ASSERT_EQ(std::system(script.c_str()), 0);
+  const std::string tree = run({"instr", "tree", "many.ins"}).out;
+  size_t keys = 0;
+  for (size_t at = tree.find(" = v"); at != std::string::npos; at = tree.find(" = v", at + 1)) ++keys;
+  EXPECT_EQ(keys, 60u);
+}
+
+// Over 10 MB: progress on a terminal, none elsewhere.
+TEST_F(Kvtool, LongWorkShowsProgressOnATerminalOnly) {
+  std::string big = "Korvalis Data File\n";
+  while (big.size() < (11u << 20)) big += "Tag = a value of some length\n";
+  kvtest::write_file(dir_.file("big.ins"), big);
+  const Result quiet = run({"instr", "check", "big.ins"});
+  EXPECT_EQ(quiet.status, 0);
+  EXPECT_EQ(quiet.err, "");
+  const std::string command = "cd " + quoted(dir_.path()) + " && script -qec " +
+                              quoted(quoted(KVTOOL_PATH) + " instr check big.ins") + " /dev/null >" +
+                              quoted(io_.file("tty"));
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  EXPECT_NE(kvtest::read_file(io_.file("tty")).find("kvtool instr check: big.ins: reading 100%"), std::string::npos);
+}
+
+#ifndef KVTOOL_SANITIZED
+// Allocation failure is an error with exit status 1 and no change, not an abort.
+TEST_F(Kvtool, OutOfMemoryChangesNothing) {
+  std::string text = "Korvalis Data File\n";
+  for (int i = 0; i < 300000; ++i) text += "T = v\n";
+  kvtest::write_file(dir_.file("many.ins"), text);
+  int limit = 100000;  // the least address space (KiB) in which kvtool starts, and some
+  while (limit < 2000000 && run({"instr", "check", "base.ins"}, "ulimit -v " + std::to_string(limit) + ";").status)
+    limit += 50000;
+  const Result got = run({"instr", "fmt", "many.ins"}, "ulimit -v " + std::to_string(limit + 50000) + ";");
+  EXPECT_EQ(got.status, 1);
+  EXPECT_NE(got.err.find("kvtool instr fmt: out of memory; nothing was changed"), std::string::npos) << got.err;
+  EXPECT_EQ(kvtest::read_file(dir_.file("many.ins")), text);
+}
+#endif
+
+}  // namespace
