@@ -5,6 +5,19 @@
 # of a dump name it), and after every link writes <name>.map beside it from its
 # symbol table with `kvtool mapfile`: the map file that CStackWriter reads
 # when none is injected. Usable in the source tree and from the installed package.
+# kv_fixed_address(target): links an executable to load at a fixed address
+# below 4 GiB: without position independence (ELF), or at the image base
+# 0x400000 without address-space randomisation (Windows).
+function(kv_fixed_address target)
+  if(WIN32)
+    target_link_options(${target} PRIVATE -Wl,--image-base=0x400000 -Wl,--disable-dynamicbase
+                                          -Wl,--disable-high-entropy-va)
+  else()
+    set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+    target_link_options(${target} PRIVATE -no-pie)
+  endif()
+endfunction()
+
 function(kvcore_add_map_file target)
   get_target_property(_kv_type ${target} TYPE)
   if(NOT _kv_type STREQUAL "EXECUTABLE")
@@ -18,9 +31,8 @@ function(kvcore_add_map_file target)
   else()
     message(FATAL_ERROR "kvcore_add_map_file: no kvtool target (find_package(SystemKvCore) provides one)")
   endif()
-  set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
   target_compile_options(${target} PRIVATE -fno-omit-frame-pointer)
-  target_link_options(${target} PRIVATE -no-pie)
+  kv_fixed_address(${target})
   add_custom_command(TARGET ${target} POST_BUILD
     COMMAND ${_kv_tool} mapfile $<TARGET_FILE:${target}>
             -o $<TARGET_FILE_DIR:${target}>/$<TARGET_FILE_BASE_NAME:${target}>.map

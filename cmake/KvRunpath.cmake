@@ -49,6 +49,11 @@ if(CMAKE_SCRIPT_MODE_FILE)
   return()
 endif()
 
+# Windows has no run-time search path: a program finds its libraries beside it.
+if(WIN32)
+  return()
+endif()
+
 # Every program and library target of a directory and the directories below it.
 function(kv_binary_targets dir out)
   set(found "")

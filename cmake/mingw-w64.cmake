@@ -17,8 +17,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Windows programs run on this machine through Wine.
+# Windows programs of the build (post-build steps, ctest) run on this machine
+# through Wine, in a Wine prefix of the build directory's own.
 find_program(KV_WINE64 NAMES wine64 wine PATHS /usr/lib/wine NO_CMAKE_FIND_ROOT_PATH)
 if(KV_WINE64)
-  set(CMAKE_CROSSCOMPILING_EMULATOR ${KV_WINE64})
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/wine-run.sh ${KV_WINE64} ${CMAKE_BINARY_DIR}/wineprefix)
 endif()

@@ -14,7 +14,7 @@
 #include "kvos/drives.h"
 #include "kvos/module.h"
 #include "kvtool.h"
-#include "kvtool_elf.h"
+#include "kvtool_image.h"
 
 namespace {
 
@@ -32,9 +32,9 @@ bool is_raw_frame_line(const std::string& line) {
 
 // The named form of a raw frame line: "0012FF34 name+1C (file.cpp:42)", or
 // the line without its "@" when no function holds the address.
-std::string translate_frame(kvtool::ElfImage& image, const std::string& line) {
+std::string translate_frame(kvtool::ExecutableImage& image, const std::string& line) {
   const uint64_t address = std::stoull(line.substr(10), nullptr, 16);
-  const kvtool::ElfFunction* function = image.function_at(address);
+  const kvtool::ImageFunction* function = image.function_at(address);
   if (function == nullptr) return line.substr(0, 9) + line.substr(10);
   std::string named = line.substr(0, 9) + kvtool::demangle(function->name);
   char offset[24];
@@ -50,7 +50,7 @@ std::string translate_frame(kvtool::ElfImage& image, const std::string& line) {
 }
 
 int write_map_file(const std::string& exe, std::string output) {
-  kvtool::ElfImage image;
+  kvtool::ExecutableImage image;
   std::string error;
   if (!image.open(exe, error)) {
     std::fprintf(stderr, "kvtool mapfile: %s\n", error.c_str());
@@ -73,7 +73,7 @@ int write_map_file(const std::string& exe, std::string output) {
 }
 
 int translate_dump(const std::string& dump, const std::string& exe) {
-  kvtool::ElfImage image;
+  kvtool::ExecutableImage image;
   std::string error;
   if (!image.open(exe, error)) {
     std::fprintf(stderr, "kvtool stack translate: %s\n", error.c_str());
@@ -142,7 +142,7 @@ int demo_stack_dump() {
       std::filesystem::temp_directory_path() / ("kvtool-stack-" + std::to_string(timer_us_large_int() % 1000000u));
   std::filesystem::create_directories(directory, ignored);
   std::string dosDirectory;
-  kvtool::ElfImage image;
+  kvtool::ExecutableImage image;
   std::string error;
   if (!kvos::host_to_dos(directory.string(), dosDirectory) || !image.open(kvos::executable_path(), error)) {
     std::printf("  no map file: %s\n", error.empty() ? "no temporary directory on a mapped drive" : error.c_str());

@@ -2,7 +2,8 @@
  * through and close a serial (RS-232) port; every one returns a status, 0 for
  * success and a negative KVRS232_ERR_* value otherwise (KvRS232StatusText
  * names each). A port is a number: KVCORE_SERIAL maps numbers to devices
- * ("1=/dev/ttyUSB0;2=/dev/pts/7"), and port N without an entry is /dev/ttyS<N-1>.
+ * ("1=/dev/ttyUSB0;2=/dev/pts/7", on Windows "1=\\.\COM7"), and port N
+ * without an entry is /dev/ttyS<N-1> (on Windows the COM port \\.\COM<N>).
  *
  *   void* port = NULL;
  *   size_t got = 0;
@@ -22,7 +23,15 @@
 
 #include <stddef.h>
 
+#if defined(_WIN32)
+#if defined(KVRS232_EXPORTS)
+#define KVRS232_API __declspec(dllexport)
+#else
+#define KVRS232_API __declspec(dllimport)
+#endif
+#else
 #define KVRS232_API __attribute__((visibility("default")))
+#endif
 
 #ifdef __cplusplus
 extern "C" {
@@ -136,9 +145,12 @@ KVRS232_API int KvRS232PortList(int* ports, int capacity);
 
 /* A virtual null-modem cable, for hosts and tests without hardware: two
  * pseudo-terminals whose bytes cross over, what is written to one end is read
- * at the other. Ports portA and portB name the two ends in this process (ahead
- * of KVCORE_SERIAL) until KvRS232NullModemClose, which releases them and sets
- * *cable to null. Close the ports before the cable. */
+ * at the other (on Windows, which has no pseudo-terminals, two ends inside the
+ * library, "nullmodem:" devices that only this process can open, with the same
+ * time-outs; closing the cable hangs up ports still open on it). Ports portA
+ * and portB name the two ends in this process (ahead of KVCORE_SERIAL) until
+ * KvRS232NullModemClose, which releases them and sets *cable to null. Close
+ * the ports before the cable. */
 KVRS232_API int KvRS232NullModemOpen(void** cable, int portA, int portB);
 KVRS232_API int KvRS232NullModemClose(void** cable);
 

@@ -17,6 +17,22 @@ namespace {
 
 HANDLE handle_of(file_t file) { return reinterpret_cast<HANDLE>(file); }
 
+// The system error code of the last failed operation of this thread (file_last_error).
+thread_local DWORD t_lastError = 0;
+
+bool fail(DWORD code) {
+  t_lastError = code;
+  return false;
+}
+
+// The thread's last system error, kept for file_last_error.
+bool fail_system() { return fail(GetLastError()); }
+
+file_t fail_open(DWORD code) {
+  t_lastError = code;
+  return kInvalidFile;
+}
+
 bool map(const std::string& dos, std::string& host) { return !dos.empty() && dos_to_host(dos, host); }
 
 // Attributes that a replacement takes over from the file it replaces.
@@ -95,7 +111,8 @@ uint32_t file_attributes(const std::string& dosPath) {
 
 file_t file_open(const std::string& dosPath, FileOpenMode mode) {
   std::string host;
-  if (fault_check(FaultPoint::FileOpen) || !map(dosPath, host)) return kInvalidFile;
+  if (fault_check(FaultPoint::FileOpen)) return fail_open(ERROR_IO_DEVICE);
+  if (!map(dosPath, host)) return fail_open(ERROR_PATH_NOT_FOUND);
   HANDLE h = INVALID_HANDLE_VALUE;
   switch (mode) {
     case kFileReadExisting:
@@ -107,9 +124,9 @@ file_t file_open(const std::string& dosPath, FileOpenMode mode) {
     case kFileWriteExisting: h = open_handle(host, GENERIC_WRITE | FILE_READ_ATTRIBUTES, OPEN_EXISTING); break;
     case kFileCreateAlways: h = open_handle(host, GENERIC_WRITE | FILE_READ_ATTRIBUTES, CREATE_ALWAYS); break;
     case kFileCreateNew: h = open_handle(host, GENERIC_WRITE | FILE_READ_ATTRIBUTES, CREATE_NEW); break;
-    default: return kInvalidFile;
+    default: return fail_open(ERROR_INVALID_PARAMETER);
   }
-  return h == INVALID_HANDLE_VALUE ? kInvalidFile : reinterpret_cast<file_t>(h);
+  return h == INVALID_HANDLE_VALUE ? fail_open(GetLastError()) : reinterpret_cast<file_t>(h);
 }
 
 bool file_close(file_t file) {
@@ -120,22 +137,23 @@ bool file_close(file_t file) {
 }
 
 bool file_seek(file_t file, uint64_t offset) {
-  if (file == kInvalidFile || fault_check(FaultPoint::FileSeek)) return false;
-  if (offset > static_cast<uint64_t>(INT64_MAX)) return false;
+  if (file == kInvalidFile) return fail(ERROR_INVALID_HANDLE);
+  if (fault_check(FaultPoint::FileSeek)) return fail(ERROR_IO_DEVICE);
+  if (offset > static_cast<uint64_t>(INT64_MAX)) return fail(ERROR_INVALID_PARAMETER);
   LARGE_INTEGER distance;
   distance.QuadPart = static_cast<LONGLONG>(offset);
-  return SetFilePointerEx(handle_of(file), distance, nullptr, FILE_BEGIN) != 0;
+  return SetFilePointerEx(handle_of(file), distance, nullptr, FILE_BEGIN) != 0 || fail_system();
 }
 
 bool file_read(file_t file, void* buffer, uint64_t size, uint64_t& done) {
   done = 0;
-  if (file == kInvalidFile || (size > 0 && buffer == nullptr)) return false;
-  if (fault_check(FaultPoint::FileRead)) return false;
+  if (file == kInvalidFile || (size > 0 && buffer == nullptr)) return fail(ERROR_INVALID_PARAMETER);
+  if (fault_check(FaultPoint::FileRead)) return fail(ERROR_IO_DEVICE);
   char* out = static_cast<char*>(buffer);
   while (done < size) {
     const DWORD chunk = static_cast<DWORD>(std::min<uint64_t>(size - done, 1u << 30));
     DWORD n = 0;
-    if (!ReadFile(handle_of(file), out + done, chunk, &n, nullptr)) return false;
+    if (!ReadFile(handle_of(file), out + done, chunk, &n, nullptr)) return fail_system();
     if (n == 0) break;
     done += n;
   }
@@ -144,7 +162,7 @@ bool file_read(file_t file, void* buffer, uint64_t size, uint64_t& done) {
 
 bool file_write(file_t file, const void* buffer, uint64_t size, uint64_t& done) {
   done = 0;
-  if (file == kInvalidFile || (size > 0 && buffer == nullptr)) return false;
+  if (file == kInvalidFile || (size > 0 && buffer == nullptr)) return fail(ERROR_INVALID_PARAMETER);
   uint64_t limit = size;
   const bool injected = fault_check(FaultPoint::FileWrite);
   if (injected) limit = size / 2;  // a disk that fills up half-way
@@ -152,20 +170,23 @@ bool file_write(file_t file, const void* buffer, uint64_t size, uint64_t& done) 
   while (done < limit) {
     const DWORD chunk = static_cast<DWORD>(std::min<uint64_t>(limit - done, 1u << 30));
     DWORD n = 0;
-    if (!WriteFile(handle_of(file), in + done, chunk, &n, nullptr) || n == 0) return false;
+    if (!WriteFile(handle_of(file), in + done, chunk, &n, nullptr)) return fail_system();
+    if (n == 0) return fail(ERROR_DISK_FULL);
     done += n;
   }
-  return !injected;
+  return !injected || fail(ERROR_DISK_FULL);
 }
 
 bool file_sync(file_t file) {
-  if (file == kInvalidFile || fault_check(FaultPoint::FileSync)) return false;
-  return FlushFileBuffers(handle_of(file)) != 0;
+  if (file == kInvalidFile) return fail(ERROR_INVALID_HANDLE);
+  if (fault_check(FaultPoint::FileSync)) return fail(ERROR_IO_DEVICE);
+  return FlushFileBuffers(handle_of(file)) != 0 || fail_system();
 }
 
 bool file_get_size(file_t file, uint64_t& size) {
   LARGE_INTEGER value;
-  if (file == kInvalidFile || !GetFileSizeEx(handle_of(file), &value)) return false;
+  if (file == kInvalidFile) return fail(ERROR_INVALID_HANDLE);
+  if (!GetFileSizeEx(handle_of(file), &value)) return fail_system();
   size = static_cast<uint64_t>(value.QuadPart);
   return true;
 }
@@ -182,6 +203,20 @@ bool file_set_time(file_t file, int64_t lastWriteUtc) {
   if (file == kInvalidFile || lastWriteUtc < 0 || fault_check(FaultPoint::FileSetTime)) return false;
   const FILETIME write = win32::to_filetime(lastWriteUtc);
   return SetFileTime(handle_of(file), nullptr, nullptr, &write) != 0;
+}
+
+bool file_touch(const std::string& dosPath) {
+  std::string host;
+  if (fault_check(FaultPoint::FileSetTime) || !map(dosPath, host)) return false;
+  HANDLE h = CreateFileA(host.c_str(), FILE_WRITE_ATTRIBUTES, kShareAll, nullptr, OPEN_EXISTING,
+                         FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  // The file system's own clock is the system time as a write would read it.
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  const bool set = SetFileTime(h, nullptr, nullptr, &now) != 0;
+  CloseHandle(h);
+  return set;
 }
 
 bool file_delete(const std::string& dosPath) {
@@ -221,5 +256,7 @@ bool disk_free_space(const std::string& dosPath, uint64_t& freeToCaller, uint64_
   if (totalFree != nullptr) *totalFree = free.QuadPart;
   return true;
 }
+
+int file_last_error() { return static_cast<int>(t_lastError); }
 
 }  // namespace kvos

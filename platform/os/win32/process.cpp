@@ -1,4 +1,4 @@
-// The running process on Windows.
+// The running process on Windows: its elapsed time and TerminateProcess.
 #include <windows.h>
 
 #include "kvos/process.h"
@@ -20,5 +20,10 @@ __attribute__((constructor)) void record_process_start() { g_startMs = monotonic
 }  // namespace
 
 uint64_t process_elapsed_ms() { return monotonic_ms() - g_startMs; }
+
+void process_terminate_now(int status) {
+  TerminateProcess(GetCurrentProcess(), static_cast<UINT>(status));
+  __builtin_unreachable();  // the calling thread ends with the process
+}
 
 }  // namespace kvos

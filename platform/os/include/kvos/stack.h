@@ -16,6 +16,12 @@
 // reader is done (the stack-dump writer waits on an event), which is what
 // holds the chain still. Suspending here checks that the thread is another
 // one and still alive, and marks it held.
+//
+// x64 Windows code keeps no frame-pointer chain either, so there the thread
+// records its frames with the system's unwinder when it makes the handle, and
+// stack_read presents them as a frame-pointer chain while the handle lives
+// (SuspendThread holds the thread, GetThreadContext checks that the recorded
+// frames are still live).
 #pragma once
 
 #include <cstddef>

@@ -1,11 +1,6 @@
 // The port table (KVCORE_SERIAL, null-modem ends, default devices), the
-// status texts and the helpers shared by the port and cable code.
-#include <dirent.h>
-#include <sys/eventfd.h>
-#include <termios.h>
-#include <unistd.h>
-
-#include <cerrno>
+// status texts, line settings and time-outs: what every system shares.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -62,8 +57,6 @@ std::map<int, std::string> configured_ports() {
   return ports;
 }
 
-std::string default_device(int port) { return "/dev/ttyS" + std::to_string(port - 1); }
-
 }  // namespace
 
 std::string port_device(int port) {
@@ -94,37 +87,50 @@ void cable_unmap(int portA, int portB) {
   ends.devices.erase(portB);
 }
 
-bool make_raw(int fd) {
-  termios settings{};
-  if (tcgetattr(fd, &settings) != 0) return false;
-  cfmakeraw(&settings);
-  settings.c_cflag |= CLOCAL | CREAD;
-  settings.c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
-  settings.c_iflag &= ~static_cast<tcflag_t>(IXON | IXOFF | IXANY);
-  settings.c_cc[VMIN] = 1;
-  settings.c_cc[VTIME] = 0;
-  return tcsetattr(fd, TCSANOW, &settings) == 0;
+int check_line_settings(int baud, int dataBits, int parity, int stopBits) {
+  static const int kRates[] = {50,     75,     110,    134,     150,     200,     300,     600,
+                               1200,   1800,   2400,   4800,    9600,    19200,   38400,   57600,
+                               115200, 230400, 460800, 500000,  576000,  921600,  1000000, 1152000,
+                               1500000, 2000000, 2500000, 3000000, 3500000, 4000000};
+  if (std::find(std::begin(kRates), std::end(kRates), baud) == std::end(kRates)) return KVRS232_ERR_BAUD;
+  if (dataBits < 5 || dataBits > 8) return KVRS232_ERR_DATA_BITS;
+  if (parity < KVRS232_NOPARITY || parity > KVRS232_SPACEPARITY) return KVRS232_ERR_PARITY;
+  if (stopBits < KVRS232_ONESTOPBIT || stopBits > KVRS232_TWOSTOPBITS ||
+      (stopBits == KVRS232_ONE5STOPBITS && dataBits != 5))
+    return KVRS232_ERR_STOP_BITS;
+  return KVRS232_OK;
 }
 
-int poll_until(pollfd* fds, nfds_t count, Clock::time_point deadline) {
-  for (;;) {
-    timespec wait{};
-    const timespec* limit = nullptr;
-    if (deadline != Clock::time_point::max()) {
-      const auto left = deadline - Clock::now();
-      const long long ns = left.count() > 0 ? std::chrono::duration_cast<std::chrono::nanoseconds>(left).count() : 0;
-      wait.tv_sec = static_cast<time_t>(ns / 1000000000);
-      wait.tv_nsec = static_cast<long>(ns % 1000000000);
-      limit = &wait;
-    }
-    const int ready = ppoll(fds, count, limit, nullptr);
-    if (ready >= 0 || errno != EINTR) return ready;
-  }
+bool timeout_value(int value, uint32_t& out) {
+  if (value < 0 && value != KVRS232_MAXDWORD) return false;
+  out = static_cast<uint32_t>(value);
+  return true;
 }
 
-void signal_event(int fd) {
-  const eventfd_t one = 1;
-  [[maybe_unused]] const int written = eventfd_write(fd, one);
+uint64_t total_ms(uint32_t multiplier, size_t length, uint32_t constant) {
+  if (multiplier != 0 && length > kNoLimitMs / multiplier) return kNoLimitMs;
+  return uint64_t{multiplier} * length + constant;
+}
+
+Clock::time_point after_ms(Clock::time_point start, uint64_t ms) {
+  if (ms >= kNoLimitMs) return Clock::time_point::max();
+  return start + std::chrono::milliseconds(ms);
+}
+
+ReadPlan::ReadPlan(const ReadTimeouts& t, size_t length, Clock::time_point start)
+    : atOnce(t.interval == kMaxDword && t.multiplier == 0 && t.constant == 0),
+      firstByte(t.interval == kMaxDword && t.multiplier == kMaxDword && t.constant != 0 && t.constant != kMaxDword),
+      useInterval(!firstByte && t.interval != 0),
+      interval(t.interval) {
+  if (firstByte)
+    total = after_ms(start, t.constant);
+  else if (t.multiplier != 0 || t.constant != 0)
+    total = after_ms(start, total_ms(t.multiplier, length, t.constant));
+}
+
+Clock::time_point ReadPlan::deadline(size_t got, Clock::time_point lastByte) const {
+  if (useInterval && got > 0) return std::min(total, after_ms(lastByte, interval));
+  return total;
 }
 
 }  // namespace kvrs232
@@ -176,16 +182,7 @@ int KvRS232PortList(int* ports, int capacity) {
     std::lock_guard<std::mutex> lock(ends.mutex);
     for (const auto& entry : ends.devices) table.insert(entry.first);
   }
-  if (DIR* dev = opendir("/dev")) {
-    while (const dirent* entry = readdir(dev)) {
-      const char* name = entry->d_name;
-      if (std::strncmp(name, "ttyS", 4) != 0 || name[4] == '\0' || std::strlen(name + 4) > 6 ||
-          std::strspn(name + 4, "0123456789") != std::strlen(name + 4))
-        continue;
-      table.insert(std::atoi(name + 4) + 1);
-    }
-    closedir(dev);
-  }
+  for (int port : existing_ports()) table.insert(port);
   int count = 0;
   for (int port : table) {
     if (count < capacity) ports[count] = port;

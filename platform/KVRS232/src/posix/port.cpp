@@ -1,4 +1,5 @@
-// The nine port functions over termios. Every call holds a use of its port; closing takes the port out of the table,
+// The nine port functions over termios. Every call holds a use of its port;
+// closing takes the port out of the table,
 // wakes the calls that wait (an event in each of their polls) and releases
 // the device once the last use has ended.
 #include <fcntl.h>
@@ -17,85 +18,22 @@
 #include <mutex>
 
 #include "KVRS232.h"
-#include "kvrs232_internal.h"
+#include "kvrs232_posix.h"
 
 namespace kvrs232 {
 namespace {
 
-constexpr uint32_t kMaxDword = 0xFFFFFFFFu;
+using PortUse = kvrs232::Use<struct Port>;
 
-struct ReadTimeouts {
-  uint32_t interval = 0;
-  uint32_t multiplier = 0;
-  uint32_t constant = 0;
-};
-
-struct WriteTimeouts {
-  uint32_t multiplier = 0;
-  uint32_t constant = 0;
-};
-
-struct Port {
+struct Port : PortUses {
   int fd = -1;
   int wake = -1;  // eventfd, set when the handle is closed
-  std::mutex mutex;
-  std::condition_variable idle;
-  int uses = 0;
-  ReadTimeouts readTimeouts;
-  WriteTimeouts writeTimeouts;
-  std::atomic<bool> hungUp{false};
 
   ~Port() {
     if (fd >= 0) close(fd);  // also drops the exclusive lock
     if (wake >= 0) close(wake);
   }
 };
-
-// A use of an open port for the length of one call.
-class Use {
- public:
-  explicit Use(void* handle)
-      : port_(HandleTable<Port>::instance().find(handle, [](Port& port) {
-          std::lock_guard<std::mutex> lock(port.mutex);
-          ++port.uses;
-        })) {}
-  ~Use() {
-    if (!port_) return;
-    std::lock_guard<std::mutex> lock(port_->mutex);
-    if (--port_->uses == 0) port_->idle.notify_all();
-  }
-  Use(const Use&) = delete;
-  Use& operator=(const Use&) = delete;
-
-  Port* operator->() const { return port_.get(); }
-  Port& operator*() const { return *port_; }
-  explicit operator bool() const { return static_cast<bool>(port_); }
-
- private:
-  std::shared_ptr<Port> port_;
-};
-
-// A negative time-out is refused unless it is the largest value (-1).
-bool timeout_value(int value, uint32_t& out) {
-  if (value < 0 && value != KVRS232_MAXDWORD) return false;
-  out = static_cast<uint32_t>(value);
-  return true;
-}
-
-// Time-outs of 2^40 ms (about 35 years) and more are without limit; below
-// that, the deadline fits the clock's nanoseconds with room to spare.
-constexpr uint64_t kNoLimitMs = uint64_t{1} << 40;
-
-// Multiplier times the count plus constant, in milliseconds, without overflow.
-uint64_t total_ms(uint32_t multiplier, size_t length, uint32_t constant) {
-  if (multiplier != 0 && length > kNoLimitMs / multiplier) return kNoLimitMs;
-  return uint64_t{multiplier} * length + constant;
-}
-
-Clock::time_point after_ms(Clock::time_point start, uint64_t ms) {
-  if (ms >= kNoLimitMs) return Clock::time_point::max();
-  return start + std::chrono::milliseconds(ms);
-}
 
 int open_error(int error) {
   switch (error) {
@@ -139,16 +77,7 @@ int read_bytes(Port& port, char* buffer, size_t length, size_t& got) {
     std::lock_guard<std::mutex> lock(port.mutex);
     t = port.readTimeouts;
   }
-  const bool atOnce = t.interval == kMaxDword && t.multiplier == 0 && t.constant == 0;
-  const bool firstByte = t.interval == kMaxDword && t.multiplier == kMaxDword && t.constant != 0 &&
-                         t.constant != kMaxDword;
-  const bool useInterval = !firstByte && t.interval != 0;
-  const Clock::time_point start = Clock::now();
-  Clock::time_point total = Clock::time_point::max();
-  if (firstByte)
-    total = after_ms(start, t.constant);
-  else if (t.multiplier != 0 || t.constant != 0)
-    total = after_ms(start, total_ms(t.multiplier, length, t.constant));
+  const ReadPlan plan(t, length, Clock::now());
   Clock::time_point lastByte{};
   bool sawHangup = false;
   for (;;) {
@@ -156,7 +85,7 @@ int read_bytes(Port& port, char* buffer, size_t length, size_t& got) {
     if (n > 0) {
       got += static_cast<size_t>(n);
       lastByte = Clock::now();
-      if (got == length || firstByte) return KVRS232_OK;
+      if (got == length || plan.firstByte) return KVRS232_OK;
       continue;
     }
     if (n == 0) {
@@ -169,9 +98,8 @@ int read_bytes(Port& port, char* buffer, size_t length, size_t& got) {
       port.hungUp = true;
       return KVRS232_ERR_HANGUP;
     }
-    if (atOnce) return KVRS232_OK;
-    Clock::time_point deadline = total;
-    if (useInterval && got > 0) deadline = std::min(deadline, after_ms(lastByte, t.interval));
+    if (plan.atOnce) return KVRS232_OK;
+    const Clock::time_point deadline = plan.deadline(got, lastByte);
     if (deadline != Clock::time_point::max() && Clock::now() >= deadline) return KVRS232_OK;
     pollfd fds[2] = {{port.fd, POLLIN, 0}, {port.wake, POLLIN, 0}};
     if (poll_until(fds, 2, deadline) < 0) return KVRS232_ERR_IO;
@@ -258,16 +186,11 @@ int KvRS232CommOpen(void** handle, int port) {
 }
 
 int KvRS232CommInit(void* handle, int baud, int dataBits, int parity, int stopBits) {
-  Use port(handle);
+  PortUse port(handle);
   if (!port) return KVRS232_ERR_HANDLE;
+  if (const int refused = check_line_settings(baud, dataBits, parity, stopBits); refused != KVRS232_OK) return refused;
   const speed_t speed = speed_code(baud);
-  if (speed == B0) return KVRS232_ERR_BAUD;
   static const tcflag_t kSizes[] = {CS5, CS6, CS7, CS8};
-  if (dataBits < 5 || dataBits > 8) return KVRS232_ERR_DATA_BITS;
-  if (parity < KVRS232_NOPARITY || parity > KVRS232_SPACEPARITY) return KVRS232_ERR_PARITY;
-  if (stopBits < KVRS232_ONESTOPBIT || stopBits > KVRS232_TWOSTOPBITS ||
-      (stopBits == KVRS232_ONE5STOPBITS && dataBits != 5))
-    return KVRS232_ERR_STOP_BITS;
   if (const int state = line_state(*port); state != KVRS232_OK) return state;
   termios settings{};
   if (tcgetattr(port->fd, &settings) != 0) return device_error(*port, errno);
@@ -293,7 +216,7 @@ int KvRS232CommInit(void* handle, int baud, int dataBits, int parity, int stopBi
 
 int KvRS232CommIo(void* handle, int operation, void* buffer, size_t length, size_t* transferred) {
   if (transferred != nullptr) *transferred = 0;
-  Use port(handle);
+  PortUse port(handle);
   if (!port) return KVRS232_ERR_HANDLE;
   if (transferred == nullptr || (buffer == nullptr && length != 0) ||
       (operation != KVRS232_IO_READ && operation != KVRS232_IO_WRITE))
@@ -309,7 +232,7 @@ int KvRS232CommIo(void* handle, int operation, void* buffer, size_t length, size
 }
 
 int KvRS232CommSetOutLine(void* handle, int line, int state) {
-  Use port(handle);
+  PortUse port(handle);
   if (!port) return KVRS232_ERR_HANDLE;
   if (line < KVRS232_LINE_DTR || line > KVRS232_LINE_BREAK || (state != 0 && state != 1))
     return KVRS232_ERR_ARGUMENT;
@@ -328,7 +251,7 @@ int KvRS232CommSetOutLine(void* handle, int line, int state) {
 
 int KvRS232CommGetModemStatus(void* handle, int* status) {
   if (status != nullptr) *status = 0;
-  Use port(handle);
+  PortUse port(handle);
   if (!port) return KVRS232_ERR_HANDLE;
   if (status == nullptr) return KVRS232_ERR_ARGUMENT;
   if (const int state = line_state(*port); state != KVRS232_OK) return state;
@@ -343,7 +266,7 @@ int KvRS232CommGetModemStatus(void* handle, int* status) {
 }
 
 int KvRS232CommSetReadTimeout(void* handle, int interval, int multiplier, int constant) {
-  Use port(handle);
+  PortUse port(handle);
   if (!port) return KVRS232_ERR_HANDLE;
   ReadTimeouts t;
   if (!timeout_value(interval, t.interval) || !timeout_value(multiplier, t.multiplier) ||
@@ -356,7 +279,7 @@ int KvRS232CommSetReadTimeout(void* handle, int interval, int multiplier, int co
 }
 
 int KvRS232CommSetWriteTimeout(void* handle, int multiplier, int constant) {
-  Use port(handle);
+  PortUse port(handle);
   if (!port) return KVRS232_ERR_HANDLE;
   WriteTimeouts t;
   if (!timeout_value(multiplier, t.multiplier) || !timeout_value(constant, t.constant)) return KVRS232_ERR_ARGUMENT;
@@ -367,7 +290,7 @@ int KvRS232CommSetWriteTimeout(void* handle, int multiplier, int constant) {
 }
 
 int KvRS232CommFlush(void* handle) {
-  Use port(handle);
+  PortUse port(handle);
   if (!port) return KVRS232_ERR_HANDLE;
   if (const int state = line_state(*port); state != KVRS232_OK) return state;
   if (tcflush(port->fd, TCIOFLUSH) != 0) return device_error(*port, errno);
@@ -382,9 +305,7 @@ int KvRS232CommClose(void** handle) {
   // Wake the calls that wait on the port, then let them leave before the
   // device is released, so that none of them touches a descriptor reused since.
   signal_event(port->wake);
-  std::unique_lock<std::mutex> lock(port->mutex);
-  port->idle.wait(lock, [&] { return port->uses == 0; });
-  lock.unlock();
+  port->wait_idle();
   port.reset();
   return KVRS232_OK;
 }

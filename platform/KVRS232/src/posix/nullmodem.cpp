@@ -15,7 +15,7 @@
 #include <thread>
 
 #include "KVRS232.h"
-#include "kvrs232_internal.h"
+#include "kvrs232_posix.h"
 
 namespace kvrs232 {
 namespace {
