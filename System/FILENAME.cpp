@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 #include "DebugManager.h"
 #include "kvinit.h"
@@ -636,7 +637,7 @@ dirname CWD::start_dir;
 
 CWD cwd KV_INIT(KV_PRIO_CWD);
 
-CWD::CWD() {
+CWD::CWD() noexcept {
   for (dirname*& slot : dirs) slot = nullptr;
   cur_drive = get_cur_drive();
   start_dir = getcwd(cur_drive);
@@ -649,7 +650,7 @@ CWD::CWD() {
     length = exe.size() < 255 ? exe.size() : 255;
   } else if (!host.empty()) {
     // The drive table holds no drive for it (c: remapped): say what to map.
-    const std::string text = "the executable's directory " + host.substr(0, host.find_last_of('/')) +
+    const std::string text = "the executable's directory " + std::filesystem::path(host).parent_path().string() +
                              " is on no drive; map it in KVCORE_DRIVES";
     sys_abort(text.c_str());
   }

@@ -439,7 +439,10 @@ class KVCORE_API MultiPathIter {
 // thread. The library's instance is cwd.
 class KVCORE_API CWD {
  public:
-  CWD();
+  // An executable that cannot be named stops the program at load (through
+  // sys_abort and std::terminate: nothing may unwind out of a library's
+  // start-up).
+  CWD() noexcept;
   ~CWD();
   CWD(const CWD&) = delete;
   CWD& operator=(const CWD&) = delete;

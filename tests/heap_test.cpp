@@ -2,8 +2,6 @@
 // reallocation, failures and threads.
 #include <gtest/gtest.h>
 
-#include <malloc.h>
-#include <sys/mman.h>
 
 #include <algorithm>
 #include <atomic>
@@ -42,12 +40,6 @@ std::vector<void*> busy_blocks(const heap* h) {
   while (kvos::region_heap_walk(static_cast<kvos::region_heap>(h->get_handle()), &e))
     if (e.wFlags & kvos::heap_entry_busy) blocks.push_back(e.lpData);
   return blocks;
-}
-
-bool mapped(const void* p) {
-  unsigned char v;
-  void* page = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(p) & ~uintptr_t(4095));
-  return mincore(page, 4096, &v) == 0;
 }
 
 using kvtest::abort_text;
@@ -108,7 +100,7 @@ TEST_F(Heaps, TrackedBlocksCarryTheirRecordAndOthersBelongToTheRuntimeLibrary) {
 
   char* raw = static_cast<char*>(KvOperatorNew(100));
   EXPECT_EQ(heapman_mgr::find(raw), nullptr);
-  EXPECT_EQ(heapman_mgr::get_size(raw), malloc_usable_size(raw));
+  EXPECT_EQ(heapman_mgr::get_size(raw), kvtest::malloc_block_size(raw));
   KvOperatorDelete(raw);  // reaches free: a leak or a bad free shows under the sanitizers
   void* untracked = operator new(64, static_cast<heap*>(nullptr), kFile, 1);
   EXPECT_EQ(heapman_mgr::find(untracked), nullptr);
@@ -151,9 +143,9 @@ TEST_F(Heaps, LookupByAddressFollowsTheTreeAndASubtreeDiesWithItsRoot) {
   EXPECT_EQ(busy_blocks(belowPlain).size(), belowBlocks - 1);
 
   void* grandchildBase = grandchild->get_base();
-  EXPECT_TRUE(mapped(grandchildBase));
+  EXPECT_TRUE(kvtest::page_mapped(grandchildBase));
   delete parent;
-  EXPECT_FALSE(mapped(grandchildBase));
+  EXPECT_FALSE(kvtest::page_mapped(grandchildBase));
   EXPECT_EQ(heapman_mgr::find(inGrandchild), nullptr);
   for (heap* c = mainheap->get_first_child(); c != nullptr; c = c->get_next_sibling()) EXPECT_NE(c, parent);
 }

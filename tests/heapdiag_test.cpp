@@ -2,11 +2,11 @@
 // heapdump.txt, and the checks that find overruns.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -171,7 +171,7 @@ TEST_F(HeapDiagnostics, UsageTableFormatsAndFile) {
   EXPECT_EQ(first.listing, "") << "a summary lists no blocks";
   ASSERT_EQ(first.table.substr(first.table.size() - 2), "\n\n");
   const std::string table = first.table.substr(0, first.table.size() - 2);
-  EXPECT_EQ(kvtest::read_file(dir.file("heapdump.txt")), table) << "the same table goes to heapdump.txt";
+  EXPECT_EQ(kvtest::read_text(dir.file("heapdump.txt")), table) << "the same table goes to heapdump.txt";
 
   const file_timestamp start = SysManager::StartTime;
   char runTime[64];
@@ -227,17 +227,17 @@ TEST_F(HeapDiagnostics, UsageTableFormatsAndFile) {
   std::snprintf(total, sizeof total, "       Total%2s%9s%9s%10s%9s%10s %9u ", "", "", "", "", "", "", allocSum);
   EXPECT_NE(secondTable.find(std::string("\n") + total), std::string::npos) << secondTable;
   EXPECT_EQ(parse_row(row_of(secondTable, "table")).used, 1800u + objects);
-  EXPECT_EQ(kvtest::read_file(dir.file("heapdump.txt")), table + secondTable) << "tables are appended";
+  EXPECT_EQ(kvtest::read_text(dir.file("heapdump.txt")), table + secondTable) << "tables are appended";
   (void)kid;
   delete h;
   SysManager::ExeTime = file_timestamp();
 }
 
 TEST_F(HeapDiagnostics, AHeapdumpFileThatCannotBeOpenedIsSkippedSilently) {
-  ASSERT_EQ(mkdir("heapdump.txt", 0700), 0);  // not openable for appending, not even by root
+  ASSERT_TRUE(std::filesystem::create_directory("heapdump.txt"));  // not openable for appending, not even by root
   const Dump d = run_dump(sink, HeapDumpSummary);
   EXPECT_NE(d.table.find("\n12 main 0 "), std::string::npos) << "the table still reaches the debug output";
-  EXPECT_EQ(rmdir("heapdump.txt"), 0) << "and nothing else was made of it";
+  EXPECT_TRUE(std::filesystem::remove("heapdump.txt")) << "and nothing else was made of it";
 }
 
 TEST_F(HeapDiagnostics, OverrunsAreFoundByCheck) {

@@ -3,7 +3,6 @@
 // the cases that need them run in a child.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -94,8 +93,7 @@ TEST(LibraryUnload, ExitFunctionTearsTheHeapsDown) {
     KvOperatorDelete(fresh);
     return 0;
   });
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(kvtest::child_result(status), 0);
 }
 
 TEST(LibraryUnload, ExitRunsTheExitFunctionOnce) {
@@ -108,9 +106,8 @@ TEST(LibraryUnload, ExitRunsTheExitFunctionOnce) {
     std::exit(0);  // atexit handlers run; the library's registered kvExitFunc
     return 1;
   });
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_EQ(kvtest::read_file(g_outputPath), "kvExitFunc: deleting mainheap\n");
+  EXPECT_EQ(kvtest::child_result(status), 0);
+  EXPECT_EQ(kvtest::read_text(g_outputPath), "kvExitFunc: deleting mainheap\n");
 
   std::snprintf(g_outputPath, sizeof g_outputPath, "%s", dir.file("quiet.txt").c_str());
   status = kvtest::run_in_child([] {
@@ -118,8 +115,7 @@ TEST(LibraryUnload, ExitRunsTheExitFunctionOnce) {
     std::exit(0);
     return 1;
   });
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(kvtest::child_result(status), 0);
   EXPECT_EQ(kvtest::read_file(g_outputPath), "") << "without heaps the exit function writes nothing";
 }
 

@@ -11,6 +11,7 @@
 #include "kvos/env.h"
 #include "kvos/module.h"
 #include "kvos/time.h"
+#include "test_support.h"
 
 namespace {
 
@@ -62,6 +63,7 @@ TEST(OsTime, DosPackingAndCalendarConversions) {
 }
 
 TEST(OsTime, LocalTimeFollowsTheZoneRules) {
+  KVTEST_POSIX_ONLY("Windows local time follows the system's zone settings, not TZ");
   ZoneScope zone("EST5EDT,M3.2.0,M11.1.0");
   int64_t winterUtc = 0, summerUtc = 0, local = 0, utc = 0;
   ASSERT_TRUE(kvos::calendar_to_file_time({2023, 1, 15, 12, 0, 0, 0}, winterUtc));
@@ -103,7 +105,7 @@ TEST(OsEnv, SetGetRemove) {
   ASSERT_TRUE(kvos::env_set("KV_OS_TEST_VAR", "v1"));
   std::string value;
   EXPECT_TRUE(kvos::env_get("KV_OS_TEST_VAR", &value) && value == "v1");
-  EXPECT_FALSE(kvos::env_get("kv_os_test_var")) << "names are case-sensitive";
+  EXPECT_EQ(kvos::env_get("kv_os_test_var"), kvtest::kWindows) << "names are case-sensitive on Linux only";
   ASSERT_TRUE(kvos::env_set("KV_OS_TEST_VAR", nullptr));
   EXPECT_FALSE(kvos::env_get("KV_OS_TEST_VAR"));
   EXPECT_FALSE(kvos::env_set("BAD=NAME", "x"));

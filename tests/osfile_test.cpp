@@ -1,9 +1,8 @@
 // The OS boundary's files: I/O, times, temporary names, atomic replacement,
 // find-first, free space and the fault-injection facility.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
 
+#include <filesystem>
 #include <regex>
 #include <set>
 #include <string>
@@ -18,10 +17,7 @@ namespace {
 
 std::string dos(const std::string& host) { return kvtest::dos_path(host); }
 
-bool exists(const std::string& host) {
-  struct stat st;
-  return stat(host.c_str(), &st) == 0;
-}
+bool exists(const std::string& host) { return std::filesystem::exists(host); }
 
 std::string write_all(kvos::file_t file, const std::string& text) {
   uint64_t done = 0;
@@ -86,9 +82,7 @@ TEST(OsFile, LastWriteTimeAndDelete) {
   ASSERT_TRUE(kvos::file_get_time(file, read));
   EXPECT_EQ(read, when);
   EXPECT_TRUE(kvos::file_close(file));
-  struct stat st;
-  ASSERT_EQ(stat(dir.file("t.txt").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mtim.tv_sec, 1505049510);
+  EXPECT_EQ(kvtest::file_write_time(dir.file("t.txt")), when);
 
   EXPECT_FALSE(kvos::file_delete(dos(dir.path()))) << "directories are not files";
   EXPECT_TRUE(kvos::file_delete(path));
@@ -125,22 +119,19 @@ TEST(OsFile, TemporaryNamesAreUniqueReservedAndShapedLikeTheClassicOnes) {
 TEST(OsFile, ReplaceSwapsContentAndKeepsTheAccessBits) {
   kvtest::TempDir dir;
   kvtest::write_file(dir.file("target"), "old");
-  ASSERT_EQ(chmod(dir.file("target").c_str(), 0640), 0);
   kvtest::write_file(dir.file("new"), "new content");
-  ASSERT_EQ(chmod(dir.file("new").c_str(), 0600), 0);
+  ASSERT_TRUE(kvtest::set_kept_access(dir.file("target"), dir.file("new")));
 
   ASSERT_TRUE(kvos::file_replace(dos(dir.file("new")), dos(dir.file("target"))));
   EXPECT_EQ(kvtest::read_file(dir.file("target")), "new content");
   EXPECT_FALSE(exists(dir.file("new")));
-  struct stat st;
-  ASSERT_EQ(stat(dir.file("target").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0640u);
+  EXPECT_TRUE(kvtest::has_kept_access(dir.file("target")));
 
   // A new target is simply created; a directory is never replaced.
   kvtest::write_file(dir.file("a"), "A");
   EXPECT_TRUE(kvos::file_replace(dos(dir.file("a")), dos(dir.file("fresh"))));
   EXPECT_EQ(kvtest::read_file(dir.file("fresh")), "A");
-  ASSERT_EQ(mkdir(dir.file("sub").c_str(), 0700), 0);
+  ASSERT_TRUE(std::filesystem::create_directory(dir.file("sub")));
   kvtest::write_file(dir.file("b"), "B");
   EXPECT_FALSE(kvos::file_replace(dos(dir.file("b")), dos(dir.file("sub"))));
   EXPECT_EQ(kvtest::read_file(dir.file("b")), "B");
@@ -154,7 +145,7 @@ TEST(OsFile, FindFirstMatchesWildcardsIgnoringCaseInNameOrder) {
   kvtest::write_file(dir.file("Alpha.txt"), "1");
   kvtest::write_file(dir.file("gamma.dat"), "123");
   kvtest::write_file(dir.file(".hidden"), "");
-  ASSERT_EQ(mkdir(dir.file("sub").c_str(), 0700), 0);
+  ASSERT_TRUE(std::filesystem::create_directory(dir.file("sub")));
   const std::string d = dos(dir.path()) + "\\";
 
   struct Case {
@@ -181,20 +172,16 @@ TEST(OsFile, FindFirstMatchesWildcardsIgnoringCaseInNameOrder) {
     EXPECT_EQ(found.attributes, c.attributes) << c.pattern;
   }
   ASSERT_TRUE(kvos::file_find_first(d + "gamma.dat", found));
-  struct stat st;
-  ASSERT_EQ(stat(dir.file("gamma.dat").c_str(), &st), 0);
-  EXPECT_EQ(found.lastWriteUtc, kvos::unix_to_file_time(st.st_mtim.tv_sec, st.st_mtim.tv_nsec));
+  EXPECT_EQ(found.lastWriteUtc, kvtest::file_write_time(dir.file("gamma.dat")));
 }
 
 TEST(OsFile, FreeSpaceIsTheVolumesAndMissingPathsFail) {
   kvtest::TempDir dir;
   uint64_t available = 0, total = 0, totalFree = 0;
   ASSERT_TRUE(kvos::disk_free_space(dos(dir.path()), available, &total, &totalFree));
-  struct statvfs vfs;
-  ASSERT_EQ(statvfs(dir.path().c_str(), &vfs), 0);
-  EXPECT_EQ(total, static_cast<uint64_t>(vfs.f_blocks) * vfs.f_frsize);
-  const uint64_t expected = static_cast<uint64_t>(vfs.f_bavail) * vfs.f_frsize;
-  EXPECT_NEAR(static_cast<double>(available), static_cast<double>(expected), 64.0 * 1024 * 1024);
+  const std::filesystem::space_info space = std::filesystem::space(dir.path());
+  EXPECT_EQ(total, space.capacity);
+  EXPECT_NEAR(static_cast<double>(available), static_cast<double>(space.available), 64.0 * 1024 * 1024);
   EXPECT_LE(available, totalFree);
   EXPECT_LE(totalFree, total);
   EXPECT_FALSE(kvos::disk_free_space(dos(dir.file("missing")), available));

@@ -1,7 +1,6 @@
 // ProcessManager: message pumping through the host's pump, the listener it
 // installs and the termination manager it forwards to.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <chrono>
 #include <string>
@@ -48,8 +47,11 @@ struct Recorder : CSL::ITerminationHandler {
 
 TEST(ProcessYield, WithoutAPumpReturnsAtOnce) {
   ProcessManager::SetMessagePump(nullptr);
+  // Windows looks at the thread's own message queue: the first look sets it
+  // up, and under Wine each look asks the Wine server.
+  ProcessManager::yield();
   const auto start = Clock::now();
-  for (int i = 0; i < 10000; ++i) ProcessManager::yield();
+  for (int i = 0; i < (kvtest::kWindows ? 1000 : 10000); ++i) ProcessManager::yield();
   EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(200));
 }
 
@@ -110,8 +112,7 @@ TEST(ProcessTerminators, RegistrationForwardsToTheProcessManager) {
     ProcessManager::HandleAbnormalTermination();
     return first.runs * 10 + second.runs;
   });
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 11) << "each handler ran once";
+  EXPECT_EQ(kvtest::child_result(status), 11) << "each handler ran once";
 }
 
 TEST(ProcessListener, InitializeInstallsOneListenerAndTheDestructorRemovesIt) {
@@ -134,8 +135,7 @@ TEST(ProcessListener, InitializeInstallsOneListenerAndTheDestructorRemovesIt) {
     Zub::Core::AlertManager::Instance()->NotifyUncaughtFatalError();
     return handler.runs == 1 ? 0 : 6;
   });
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(kvtest::child_result(status), 0);
 }
 
 }  // namespace

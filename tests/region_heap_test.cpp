@@ -1,9 +1,6 @@
 // Region heaps: the allocator under the tracked heaps.
 #include <gtest/gtest.h>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -12,6 +9,7 @@
 #include <vector>
 
 #include "kvos/region_heap.h"
+#include "test_support.h"
 
 namespace {
 
@@ -161,14 +159,6 @@ char* region_base(region_heap h) {
   heap_entry e;
   EXPECT_TRUE(kvos::region_heap_walk(h, &e));
   return static_cast<char*>(e.lpData);
-}
-
-bool resident(const void* p) {
-  const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-  unsigned char v = 0;
-  void* start = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(p) & ~(page - 1));
-  if (mincore(start, page, &v) != 0) return false;
-  return (v & 1) != 0;
 }
 
 class RegionHeap : public ::testing::Test {
@@ -339,10 +329,10 @@ TEST_F(RegionHeap, CompactGivesPagesBackAndGrowableHeapsShrink) {
   char* keepBack = static_cast<char*>(kvos::region_heap_alloc(fixed, 64));
   std::memset(large, 1, big);
   char* probe = large + big / 2;
-  EXPECT_TRUE(resident(probe));
+  EXPECT_TRUE(kvtest::page_resident(probe));
   ASSERT_TRUE(kvos::region_heap_free(fixed, large));
   EXPECT_GE(kvos::region_heap_compact(fixed), big) << "the largest free block";
-  EXPECT_FALSE(resident(probe)) << "pages of a large free block are given back";
+  EXPECT_FALSE(kvtest::page_resident(probe)) << "pages of a large free block are given back";
 
   // Freeing the tail lets the committed size fall back.
   heap_entry e;

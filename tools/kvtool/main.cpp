@@ -95,6 +95,8 @@ int usage_error(CLI::App& app, const CLI::ParseError& error) {
 int main(int argc, char** argv) {
   CLI::App app{"kvtool: command-line front door to the SystemKvCore library"};
   app.set_version_flag("--version", "kvtool " KVTOOL_VERSION);
+  // Options begin with "-" on every system: "/x" is a path, also on Windows.
+  app.allow_windows_style_options(false);
   app.require_subcommand(1);
   app.footer(
       "Exit status: 0 on success, 1 on a failure, 2 on a usage error.\n"

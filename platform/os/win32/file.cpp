@@ -39,9 +39,19 @@ bool map(const std::string& dos, std::string& host) { return !dos.empty() && dos
 constexpr DWORD kKeptAttributes =
     FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
 
+// How long a replacement that another program's open handle refuses is retried.
+constexpr DWORD kReplaceRetryMs = 2000;
+
 // Every open lets other openers read, write, rename and delete the file, as
 // files behave elsewhere (a log can be rotated, a file replaced while read).
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+// The classic bits of kvos/fileattr.h; a file with none of them is "normal"
+// (the system's other marks, such as archive, are left out).
+uint32_t classic_attributes(DWORD native) {
+  const uint32_t kept = native & (kFileAttributeReadOnly | kFileAttributeHidden | kFileAttributeDirectory);
+  return kept == 0 ? kFileAttributeNormal : kept;
+}
 
 HANDLE open_handle(const std::string& host, DWORD access, DWORD disposition) {
   return CreateFileA(host.c_str(), access, kShareAll, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -92,7 +102,7 @@ bool describe(const std::string& host, FindData& found) {
     const size_t cut = host.find_last_of("\\/");
     found.name = cut == std::string::npos ? host : host.substr(cut + 1);
   }
-  found.attributes = data.dwFileAttributes;
+  found.attributes = classic_attributes(data.dwFileAttributes);
   const bool directory = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
   found.size = directory ? 0 : (static_cast<uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
   found.lastWriteUtc = win32::from_filetime(data.ftLastWriteTime);
@@ -106,7 +116,8 @@ unsigned process_number() { return static_cast<unsigned>(GetCurrentProcessId());
 uint32_t file_attributes(const std::string& dosPath) {
   std::string host;
   if (!dos_to_host(dosPath, host)) return kInvalidFileAttributes;
-  return GetFileAttributesA(host.c_str());
+  const DWORD attributes = GetFileAttributesA(host.c_str());
+  return attributes == INVALID_FILE_ATTRIBUTES ? kInvalidFileAttributes : classic_attributes(attributes);
 }
 
 file_t file_open(const std::string& dosPath, FileOpenMode mode) {
@@ -229,15 +240,31 @@ bool file_replace(const std::string& dosFrom, const std::string& dosTo) {
   std::string from, to;
   if (fault_check(FaultPoint::FileReplace) || !map(dosFrom, from) || !map(dosTo, to)) return false;
   const DWORD target = GetFileAttributesA(to.c_str());
+  const bool readOnly = target != INVALID_FILE_ATTRIBUTES && (target & FILE_ATTRIBUTE_READONLY) != 0;
   if (target != INVALID_FILE_ATTRIBUTES) {
     if ((target & FILE_ATTRIBUTE_DIRECTORY) != 0) return false;
     // Best effort: the new file keeps the old one's hidden, system and archive marks.
     const DWORD source = GetFileAttributesA(from.c_str());
     if (source != INVALID_FILE_ATTRIBUTES && (target & kKeptAttributes) != 0)
       SetFileAttributesA(from.c_str(), (source & ~kKeptAttributes & ~FILE_ATTRIBUTE_NORMAL) | (target & kKeptAttributes));
+    // A read-only file is replaced as well (the new one is read-only in its turn).
+    if (readOnly) SetFileAttributesA(to.c_str(), target & ~FILE_ATTRIBUTE_READONLY);
   }
-  // Write-through: the call returns once the new name is on the disk.
-  return MoveFileExA(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+  // Write-through: the call returns once the new name is on the disk. A file
+  // that another program holds open (even one that lets others delete it)
+  // cannot be replaced at that moment: such refusals are retried for a while.
+  bool moved = false;
+  for (DWORD pause = 1, waited = 0;; waited += pause, pause = pause < 32 ? pause * 2 : pause) {
+    moved = MoveFileExA(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+    const DWORD error = moved ? ERROR_SUCCESS : GetLastError();
+    if (moved || (error != ERROR_ACCESS_DENIED && error != ERROR_SHARING_VIOLATION) || waited >= kReplaceRetryMs) break;
+    Sleep(pause);
+  }
+  if (readOnly) {
+    const DWORD now = GetFileAttributesA(to.c_str());
+    if (now != INVALID_FILE_ATTRIBUTES) SetFileAttributesA(to.c_str(), now | FILE_ATTRIBUTE_READONLY);
+  }
+  return moved;
 }
 
 bool disk_free_space(const std::string& dosPath, uint64_t& freeToCaller, uint64_t* total, uint64_t* totalFree) {

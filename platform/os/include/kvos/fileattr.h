@@ -16,8 +16,9 @@ constexpr uint32_t kInvalidFileAttributes = 0xFFFFFFFF;
 
 // The attributes of the file or directory a DOS path names (mapped through
 // the drive table); kInvalidFileAttributes when it does not exist or cannot
-// be mapped. A name beginning with "." counts as hidden; a file that this
-// process may not write is read-only.
+// be mapped. Only the bits above are reported; a file with none of them is
+// normal. On Linux a name beginning with "." counts as hidden and a file that
+// this process may not write is read-only; on Windows they are the file's own marks.
 KVOS_API uint32_t file_attributes(const std::string& dosPath);
 
 }  // namespace kvos
