@@ -86,19 +86,16 @@ std::string at(InstrHandle& h) {
   return h.CurLine() >= 0 ? s + "@" + std::to_string(h.CurLine()) : s;
 }
 
-// A step of a script on a handle: "1 A=x@2" means the call answered true and
-// left the cursor on record A of line 2.
-struct Step {
-  std::function<bool()> call;
-  std::string expected;
-};
+// A step of a script on a handle, with what it gives: "1 A=x@2" means the
+// call answered true and left the cursor on record A of line 2.
+using Step = std::pair<std::function<bool()>, std::string>;
 #define DO(call, expected) \
   Step { [&] { return bool(call); }, expected }
 
 void run(InstrHandle& h, const std::vector<Step>& steps) {
   for (size_t n = 0; n < steps.size(); ++n) {
-    const bool result = steps[n].call();
-    EXPECT_EQ(std::to_string(result) + " " + at(h), steps[n].expected) << "step " << n;
+    const bool result = steps[n].first();
+    EXPECT_EQ(std::to_string(result) + " " + at(h), steps[n].second) << "step " << n;
   }
 }
 
