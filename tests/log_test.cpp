@@ -294,9 +294,7 @@ TEST(LogReliability, KilledWritersLoseNoReportedLineAndRestartInTheNewestFile) {
     return "debug00" + std::to_string((name == "debuglog.log" ? 1 : std::stoi(name.substr(5, 3))) % 3 + 1) + ".log";
   };
   const auto numbered = [](long n) {
-    char text[32];
-    std::snprintf(text, sizeof text, "line %09ld ", n);
-    return std::string(text);
+    return "line " + std::string(9 - std::to_string(n).size(), '0') + std::to_string(n) + " ";
   };
   std::map<std::string, std::vector<long>> expected;  // the reported lines each file must still hold
   std::string current = "debuglog.log", previous;
@@ -368,62 +366,44 @@ TEST(LogReliability, KilledWritersLoseNoReportedLineAndRestartInTheNewestFile) {
 // throw, later messages dropped silently, and a later Initialize opens the log
 // once a usable directory is given.
 TEST(LogReliability, UnusableDirectoriesReportOnceAndRecover) {
-  struct Case {
-    const char* name;
-    std::function<std::string(const kvtest::TempDir&)> prepare;  // the host directory to use, "" to skip
-    const char* message;
-  } cases[] = {
-      {"directory under a file",
-       [](const kvtest::TempDir& d) { kvtest::write_file(d.file("file"), "x"); return d.file("file") + "/logs"; },
-       "DebugLogFile::OpenLow() failed to open file\n"},
-      {"read-only directory",
-       [](const kvtest::TempDir& d) {
-         if (geteuid() == 0) return std::string("/proc/self");  // root writes everywhere else
-         fs::create_directory(d.file("ro"));
-         fs::permissions(d.file("ro"), fs::perms::owner_read | fs::perms::owner_exec);
-         return d.file("ro");
-       },
-       "DebugLogFile::OpenLow() failed to open file\n"},
-      {"path of 300 characters", [](const kvtest::TempDir&) { return "/" + std::string(300, 'p'); },
-       "Error: _path is too long"},
-      {"full disk",
-       [](const kvtest::TempDir& d) {
-         fs::create_directory(d.file("full"));
-         if (geteuid() == 0 && mount("tmpfs", d.file("full").c_str(), "tmpfs", 0, "size=16k") == 0)
-           return d.file("full");
-         std::error_code ec;
-         fs::create_symlink("/dev/full", d.file("full/debuglog.log"), ec);
-         return ec ? std::string() : d.file("full");
-       },
-       "DebugLogFile::Write() failed to write to "},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    kvtest::TempDir dir;
-    const std::string host = c.prepare(dir);
+  kvtest::TempDir dir;
+  kvtest::write_file(dir.file("file"), "x");
+  fs::create_directories(dir.file("full"));
+  fs::create_directories(dir.file("ro"));
+  fs::permissions(dir.file("ro"), fs::perms::owner_read | fs::perms::owner_exec);
+  // A full disk: a small tmpfs where the test may mount one, else the full device.
+  std::error_code noFull;
+  if (geteuid() != 0 || mount("tmpfs", dir.file("full").c_str(), "tmpfs", 0, "size=16k") != 0)
+    fs::create_symlink("/dev/full", dir.file("full/debuglog.log"), noFull);
+  const std::pair<std::string, const char*> cases[] = {
+      {dir.file("file") + "/logs", "DebugLogFile::OpenLow() failed to open file\n"},  // cannot be created
+      // Read-only (root writes everywhere else).
+      {geteuid() == 0 ? "/proc/self" : dir.file("ro"), "DebugLogFile::OpenLow() failed to open file\n"},
+      {"/" + std::string(300, 'p'), "Error: _path is too long"},
+      {noFull ? "" : dir.file("full"), "DebugLogFile::Write() failed to write to "}};
+  for (const auto& [host, message] : cases) {
+    SCOPED_TRACE(host.substr(0, 40));
     if (host.empty()) {
-      std::printf("skipped: %s needs a tmpfs mount or /dev/full\n", c.name);
+      std::printf("skipped: a full disk needs a tmpfs mount or /dev/full\n");
       continue;
     }
-    in_child([&] {
-      const std::string dos = host.size() > 300 ? "c:" + std::string(host) : dos_path(host);
+    fs::remove(dir.file("debuglog.log"));
+    in_child([&, message = message] {
       testing::internal::CaptureStdout();
-      CSL::LogManager::Initialize(dos, 3, 64, false);
+      CSL::LogManager::Initialize(host.size() > 300 ? "c:" + host : dos_path(host), 3, 64, false);
       for (int i = 0; i < 40; ++i) CSL::LogManager::LogMessage(std::string(999, 'f') + "\n");
       const std::string first = testing::internal::GetCapturedStdout();
-      EXPECT_EQ(first.rfind(c.message, 0), 0u) << first;
+      EXPECT_EQ(first.rfind(message, 0), 0u) << first;
       EXPECT_EQ(occurrences(first, "\n"), 1) << first;
       testing::internal::CaptureStdout();
       CSL::LogManager::LogMessage("dropped\n");
       EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-      std::error_code ec;
-      fs::remove(fs::path(host) / "debuglog.log", ec);
       CSL::LogManager::Initialize(dos_path(dir.path()), 3, 64, false);
       CSL::LogManager::LogMessage("after recovery\n");
       EXPECT_NE(read_file(dir.file("debuglog.log")).find("after recovery\n"), std::string::npos);
     });
-    umount2(dir.file("full").c_str(), MNT_DETACH);
   }
+  umount2(dir.file("full").c_str(), MNT_DETACH);
 }
 
 }  // namespace

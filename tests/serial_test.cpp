@@ -81,9 +81,7 @@ struct PtyPort {
   }
   int write(const std::string& bytes, size_t* sent = nullptr) const {
     size_t done = 0;
-    const int status = Rs232if.CommIo(handle, KVRS232_IO_WRITE, const_cast<char*>(bytes.data()), bytes.size(), &done);
-    if (sent != nullptr) *sent = done;
-    return status;
+    return Rs232if.CommIo(handle, KVRS232_IO_WRITE, const_cast<char*>(bytes.data()), bytes.size(), sent ? sent : &done);
   }
   // Writes (30 ms write time-out) until the line takes no more; the count written.
   size_t fill() const {

@@ -267,8 +267,7 @@ TEST_F(StackWriterTest, TwoDumpsShareDumpTabWithTrailers) {
   const auto continues = [](int n) { return "Dump continues below (" + std::to_string(n) + "):\r\n"; };
   const auto trailer = [](uint32_t value) {
     char text[40];
-    std::snprintf(text, sizeof text, "\r\n@DumpSize: %08X\r\n", value);
-    return std::string(text);
+    return std::string(text, static_cast<size_t>(std::snprintf(text, sizeof text, "\r\n@DumpSize: %08X\r\n", value)));
   };
   EXPECT_EQ(tab, (count == 1 ? std::string() : continues(count)) + first + trailer(value1) + continues(count + 1) +
                      second + trailer(value2));
