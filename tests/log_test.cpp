@@ -92,9 +92,9 @@ TEST(DebugLogFile, ChoosesTheNewestNumberedFileAndRotatesAtTheLimit) {
 TEST(DebugLogFile, HeaderAndStartLinesDependOnWhetherTheFileExistedAndTheMode) {
   struct Case { bool exists, append, stamp; int headers, startLines, restartLines; bool oldKept; };
   const Case cases[] = {{false, true, true, 1, 1, 0, false},
-               {true, true, true, 0, 0, 1, true},
-               {true, false, true, 1, 1, 1, false},
-               {true, true, false, 0, 0, 0, true}};
+                        {true, true, true, 0, 0, 1, true},
+                        {true, false, true, 1, 1, 1, false},
+                        {true, true, false, 0, 0, 0, true}};
   for (const Case& c : cases) {
     kvtest::TempDir dir;
     if (c.exists) kvtest::write_file(dir.file("a.log"), "old line\n");

@@ -122,18 +122,19 @@ TEST_F(SerialPort, LineSettingsReachTheTerminalAndBadOnesAreRefused) {
   // Refused settings (status not OK) leave the line as the last row set it.
   const tcflag_t mask = PARODD | CMSPAR | CSTOPB;
   struct Row { int baud, bits, parity, stop, status; speed_t speed; tcflag_t flags; };
-  const Row rows[] = {{9600, 8, KVRS232_NOPARITY, KVRS232_ONESTOPBIT, KVRS232_OK, B9600, 0},
-              {115200, 7, KVRS232_EVENPARITY, KVRS232_TWOSTOPBITS, KVRS232_OK, B115200, CSTOPB},
-              {300, 5, KVRS232_ODDPARITY, KVRS232_ONE5STOPBITS, KVRS232_OK, B300, PARODD | CSTOPB},
-              {4000000, 6, KVRS232_MARKPARITY, KVRS232_ONESTOPBIT, KVRS232_OK, B4000000, PARODD | CMSPAR},
-              {50, 8, KVRS232_SPACEPARITY, KVRS232_ONESTOPBIT, KVRS232_OK, B50, CMSPAR},
-              {12345, 8, 0, 0, KVRS232_ERR_BAUD, B50, CMSPAR},
-              {0, 8, 0, 0, KVRS232_ERR_BAUD, B50, CMSPAR},
-              {9600, 9, 0, 0, KVRS232_ERR_DATA_BITS, B50, CMSPAR},
-              {9600, 4, 0, 0, KVRS232_ERR_DATA_BITS, B50, CMSPAR},
-              {9600, 8, 5, 0, KVRS232_ERR_PARITY, B50, CMSPAR},
-              {9600, 8, 0, 3, KVRS232_ERR_STOP_BITS, B50, CMSPAR},
-              {9600, 8, 0, KVRS232_ONE5STOPBITS, KVRS232_ERR_STOP_BITS, B50, CMSPAR}};
+  const Row rows[] = {
+      {9600, 8, KVRS232_NOPARITY, KVRS232_ONESTOPBIT, KVRS232_OK, B9600, 0},
+      {115200, 7, KVRS232_EVENPARITY, KVRS232_TWOSTOPBITS, KVRS232_OK, B115200, CSTOPB},
+      {300, 5, KVRS232_ODDPARITY, KVRS232_ONE5STOPBITS, KVRS232_OK, B300, PARODD | CSTOPB},
+      {4000000, 6, KVRS232_MARKPARITY, KVRS232_ONESTOPBIT, KVRS232_OK, B4000000, PARODD | CMSPAR},
+      {50, 8, KVRS232_SPACEPARITY, KVRS232_ONESTOPBIT, KVRS232_OK, B50, CMSPAR},
+      {12345, 8, 0, 0, KVRS232_ERR_BAUD, B50, CMSPAR},
+      {0, 8, 0, 0, KVRS232_ERR_BAUD, B50, CMSPAR},
+      {9600, 9, 0, 0, KVRS232_ERR_DATA_BITS, B50, CMSPAR},
+      {9600, 4, 0, 0, KVRS232_ERR_DATA_BITS, B50, CMSPAR},
+      {9600, 8, 5, 0, KVRS232_ERR_PARITY, B50, CMSPAR},
+      {9600, 8, 0, 3, KVRS232_ERR_STOP_BITS, B50, CMSPAR},
+      {9600, 8, 0, KVRS232_ONE5STOPBITS, KVRS232_ERR_STOP_BITS, B50, CMSPAR}};
   for (const Row& row : rows) {
     SCOPED_TRACE(std::to_string(row.baud) + " " + std::to_string(row.bits) + " " + std::to_string(row.stop));
     EXPECT_EQ(Rs232if.CommInit(pty.handle, row.baud, row.bits, row.parity, row.stop), row.status);
@@ -144,9 +145,14 @@ TEST_F(SerialPort, LineSettingsReachTheTerminalAndBadOnesAreRefused) {
 }
 
 TEST_F(SerialPort, ReadTimeoutsEndReadsAsOnWindows) {
-  // arrivals: (ms, count); at -1 already there
-  struct Row { const char* name; int interval, multiplier, constant; size_t length;
-               std::vector<std::pair<int, size_t>> arrivals; size_t expectCount; double expectMs; };
+  struct Row {
+    const char* name;
+    int interval, multiplier, constant;
+    size_t length;
+    std::vector<std::pair<int, size_t>> arrivals;  // (ms, count); at -1 already there
+    size_t expectCount;
+    double expectMs;
+  };
   const Row rows[] = {
       {"at once with what is there", kMax, 0, 0, 100, {{-1, 3}}, 3, 0},
       {"at once with nothing", kMax, 0, 0, 100, {}, 0, 0},
