@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -57,34 +58,32 @@ class Heaps : public ::testing::Test {
   static void SetUpTestSuite() { heapman_mgr::initialize(); }
 };
 
+// Name, flags, maximum and region sizes and parent of a heap, in one line.
+std::string describe(const heap* h) {
+  char text[128];
+  std::snprintf(text, sizeof text, "%s|%d|%zX|%zX|%s", h->get_name(), static_cast<int>(h->get_flags()),
+                h->get_max_size(), h->get_region_size(), h->get_parent() ? h->get_parent()->get_name() : "-");
+  return text;
+}
+
 TEST_F(Heaps, ConstructionRoundsSizesCutsNamesAndInherits) {
-  EXPECT_STREQ(mainheap->get_name(), "main");
-  EXPECT_EQ(mainheap->get_flags(), heOWNHEAP);
-  EXPECT_EQ(mainheap->get_region_size(), 0x12000000u);
   heap* before = mainheap;
   heapman_mgr::initialize();
   EXPECT_EQ(mainheap, before) << "initialize runs once";
-
-  heap a(nullptr, 0x9000000, heNONE);
-  heap b(100);
-  heap c("c", 0x30000000, heNONE);
-  heap d("d", 0x12000000, heNONE);
-  heap e("abcdefghijklmnopqrstuvwxyz");
-  const std::pair<heap*, size_t> sizes[] = {{&a, 0x12000000}, {&b, 0x9000000}, {&c, 0x30000000}, {&d, 0x24000000}};
-  for (const auto& [h, size] : sizes) {
-    EXPECT_EQ(h->get_max_size(), size);
-    EXPECT_EQ(h->get_region_size(), size);
-    EXPECT_EQ(h->get_parent(), mainheap) << "a heap outside every heap hangs under mainheap";
-    EXPECT_EQ(h->get_flags() & heOWNHEAP, heOWNHEAP) << "inherited from the parent";
-  }
-  EXPECT_STREQ(a.get_name(), "");
-  EXPECT_STREQ(e.get_name(), "abcdefghijkl");
+  heap a(nullptr, 0x9000000, heNONE), b(100), c("c", 0x30000000, heNONE), d("d", 0x12000000, heNONE);
+  heap e("abcdefghijklmnopqrstuvwxyz"), plain("plain", heWINHEAP);
+  // A heap outside every heap hangs under mainheap and inherits its own-heap flag.
+  const std::pair<heap*, std::string> rows[] = {
+      {mainheap, "main|8|12000000|12000000|-"}, {&a, "|8|12000000|12000000|main"},
+      {&b, "|8|9000000|9000000|main"},           {&c, "c|8|30000000|30000000|main"},
+      {&d, "d|8|24000000|24000000|main"},        {&e, "abcdefghijkl|8|12000000|12000000|main"},
+      {&plain, "plain|12|12000000|0|main"},
+  };
+  for (const auto& [h, expected] : rows) EXPECT_EQ(describe(h), expected);
+  EXPECT_EQ(plain.get_base(), nullptr);
   std::vector<heap*> order;  // children are appended in creation order
   for (heap* h = mainheap->get_first_child(); h != nullptr; h = h->get_next_sibling()) order.push_back(h);
   EXPECT_LT(std::find(order.begin(), order.end(), &a), std::find(order.begin(), order.end(), &e));
-  heap plain("plain", heWINHEAP);
-  EXPECT_EQ(plain.get_base(), nullptr);
-  EXPECT_EQ(plain.get_flags(), heWINHEAP | heOWNHEAP);
 }
 
 TEST_F(Heaps, TrackedBlocksCarryTheirRecordNearCopiesFollowTheObjectOthersAreTheRuntimeLibrarys) {

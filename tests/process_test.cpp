@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <string>
 
 #include "ProcessManager.h"
 #include "Zub/Core/AlertManager.h"
@@ -70,7 +71,7 @@ TEST(ProcessYieldDeathTest, AFailedRemovalEndsTheProcess) {
       "terminate called without an active exception");
 }
 
-TEST(ProcessTerminators, RegistrationForwardsAndTheInstalledListenerRunsThem) {
+TEST(ProcessTerminators, RegistrationForwardsAndTheInstalledListenerRunsThemOnce) {
   Recorder handler;
   const int before = ProcessManager::m_terminationManager.GetNumberOfRegisteredHandlers();
   processman.RegisterTerminator(&handler);
@@ -78,27 +79,42 @@ TEST(ProcessTerminators, RegistrationForwardsAndTheInstalledListenerRunsThem) {
   ProcessManager::UnRegisterTerminator(&handler);
   EXPECT_EQ(ProcessManager::m_terminationManager.GetNumberOfRegisteredHandlers(), before);
 
-  const int status = kvtest::run_in_child([] {
+  // In a child: the listener initialize installs runs the handlers at the first uncaught
+  // error only; the once-only flag is the process's, so a later listener only complains.
+  kvtest::TempDir dir;
+  const int status = kvtest::run_in_child([&] {
+    kvtest::CategoryScope a(dbgA), csl(dbgCSL);
+    Recorder first, second;
+    ProcessManager::RegisterTerminator(&first);
+    ProcessManager::RegisterTerminator(&second);
+    kvtest::CaptureSink sink;
     if (ProcessManager::m_listener != nullptr) return 1;
     ProcessManager::initialize();
     SystemAlertListener* listener = ProcessManager::m_listener;
     ProcessManager::initialize();
     if (listener == nullptr || ProcessManager::m_listener != listener) return 2;
+    Zub::Core::AlertManager::Instance()->NotifyUncaughtFatalError();
     {
       ProcessManager another;  // its end takes the process's listener with it
     }
     if (ProcessManager::m_listener != nullptr) return 3;
-    Recorder first, second;
-    ProcessManager::RegisterTerminator(&first);
-    ProcessManager::RegisterTerminator(&second);
-    Zub::Core::AlertManager::Instance()->NotifyUncaughtFatalError();
-    if (first.runs != 0) return 4;  // nobody listens any more
+    Zub::Core::AlertManager::Instance()->NotifyUncaughtFatalError();  // nobody listens
     ProcessManager::initialize();
     Zub::Core::AlertManager::Instance()->NotifyUncaughtFatalError();
-    Zub::Core::AlertManager::Instance()->NotifyUncaughtFatalError();
-    return first.runs * 10 + second.runs;
+    ProcessManager::HandleAbnormalTermination();  // entered already
+    std::string seen = std::to_string(first.runs) + std::to_string(second.runs) + " runs\n";
+    for (const auto& entry : sink.entries()) seen += entry.logger + ": " + entry.text;
+    kvtest::write_file(dir.file("seen.txt"), seen);
+    return 0;
   });
-  EXPECT_EQ(kvtest::child_result(status), 11) << "each handler ran once";
+  EXPECT_EQ(kvtest::child_result(status), 0);
+  EXPECT_EQ(kvtest::read_file(dir.file("seen.txt")),
+            "11 runs\nKorvalis.A: CSL: SystemAlertListener::UncaughtFatalError being processed.\n"
+            "Korvalis.A: \nCSL: CAbnormalTerminationManager::HandleAbnormalTermination()\n"
+            "Korvalis.A: CSL: SystemAlertListener::UncaughtFatalError exit.\n"
+            "Korvalis.CSL: Error: SystemAlertListener::UncaughtFatalError called more than once.\n"
+            "Korvalis.A: \nCSL: CAbnormalTerminationManager::HandleAbnormalTermination()\n"
+            "Korvalis.A: \nInvalid attempt to re-enter the termination manager HandleAbnormalTermination method.\n");
 }
 
 }  // namespace

@@ -278,38 +278,33 @@ TEST(SysManagerHeader, OnlyTheSetItemsAppearInTheirOrderAndExitSpeaksOnlyWhenIni
   kvtest::CategoryScope csl(dbgCSL);
   kvtest::CaptureSink sink;
   const file_timestamp start = SysManager::StartTime;
-  SysManager::StartTime = file_timestamp(kPacked);
-  std::string all = SysManager::GetDumpHeaderInformation() + "|";
-  SysManager::Exit(0);
-  SysManager::m_initialized = 1;
-  SysManager::Exit(3);
+  const uint64_t late = (uint64_t{(27u << 9) | (12u << 5) | 31u} << 16) | (23u << 11) | (59u << 5) | 29u;
+  const std::string exe = "c:\\bin\\host.exe 01/01/1980 00:00:00\n", run = "Run 09/10/2017 13:18:30\n";
+  struct Row { int initialized; const char *model, *equipment, *user, *image, *version; uint64_t start; std::string header; };
+  const Row rows[] = {
+      {0, nullptr, nullptr, nullptr, nullptr, "", kPacked, run},
+      {1, nullptr, nullptr, nullptr, nullptr, "", kPacked, exe + run},
+      {1, "Model-9", "Tool 4", "operator", "image.bin", "7.1.2", kPacked,
+       exe + "Model-9 7.1.2\nTool 4, operator\nimage.bin\n" + run},
+      {0, "Model-9", "Tool 4", nullptr, nullptr, "", kPacked, "Model-9 Tool 4, " + run},  // as they always have
+      {0, nullptr, nullptr, nullptr, nullptr, "", late, "Run 12/31/2007 23:59:58\n"},  // zero-padded, seconds doubled
+  };
   SysManager::ExeFilePath = "c:\\bin\\host.exe";
   SysManager::ExeTime = file_timestamp(kOther);
-  all += SysManager::GetDumpHeaderInformation() + "|";
-  SysManager::Model("Model-9");
-  SysManager::SetKorvalisVersion("7.1.2");
-  SysManager::Equipment("Tool 4");
-  SysManager::User("operator");
-  SysManager::Image("image.bin");
-  all += SysManager::GetDumpHeaderInformation() + "|";
-  // Items without their partners run into the next line, as they always have.
-  SysManager::m_initialized = 0;
-  SysManager::SetKorvalisVersion("");
-  SysManager::User(nullptr);
-  SysManager::Image(nullptr);
-  all += SysManager::GetDumpHeaderInformation() + "|";
-  // Every field is zero-padded; seconds are twice the packed field.
-  SysManager::StartTime = file_timestamp((uint64_t{(27u << 9) | (12u << 5) | 31u} << 16) | (23u << 11) | (59u << 5) | 29u);
-  SysManager::Model(nullptr);
-  SysManager::Equipment(nullptr);
-  EXPECT_EQ(all + SysManager::GetDumpHeaderInformation() + "|" + sink.text(),
-            "Run 09/10/2017 13:18:30\n|"
-            "c:\\bin\\host.exe 01/01/1980 00:00:00\nRun 09/10/2017 13:18:30\n|"
-            "c:\\bin\\host.exe 01/01/1980 00:00:00\nModel-9 7.1.2\nTool 4, operator\nimage.bin\nRun 09/10/2017 13:18:30\n|"
-            "Model-9 Tool 4, Run 09/10/2017 13:18:30\n|"
-            "Run 12/31/2007 23:59:58\n|"
-            "\nCSL: SysManager::Exit called\n");
-  SysManager::StartTime = start;  // every other item is empty again
+  for (const Row& row : rows) {
+    SysManager::m_initialized = row.initialized;
+    SysManager::Model(row.model);
+    SysManager::Equipment(row.equipment);
+    SysManager::User(row.user);
+    SysManager::Image(row.image);
+    SysManager::SetKorvalisVersion(row.version);
+    SysManager::StartTime = file_timestamp(row.start);
+    EXPECT_EQ(SysManager::GetDumpHeaderInformation(), row.header);
+    SysManager::Exit(0);
+  }
+  EXPECT_EQ(sink.text(), "\nCSL: SysManager::Exit called\n\nCSL: SysManager::Exit called\n") << "twice initialized";
+  SysManager::m_initialized = 0;  // every item is empty again
+  SysManager::StartTime = start;
   SysManager::ExeFilePath.clear();
   SysManager::ExeTime = file_timestamp();
 }

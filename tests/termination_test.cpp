@@ -1,5 +1,5 @@
-// Abnormal termination: handler registration, the once-only run, the alert
-// listener and the whole fatal path in a child process.
+// Abnormal termination: handler registration, the once-only run and the whole
+// fatal path in a child process (the listener is tested with ProcessManager).
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -86,33 +86,6 @@ TEST(TerminationManager, RegistersOnceAndRunsEveryHandlerInOrderOnceThroughThrow
   EXPECT_TRUE(log.empty()) << "assignment copies the entered flag";
   early.HandleAbnormalTermination();
   EXPECT_EQ(log, (Log{"plain", "copy", "broken", "stage"})) << "the copy was made before the run";
-}
-
-TEST(TerminationListener, TheFirstUncaughtErrorRunsTheHandlersLaterOnesOnlyComplain) {
-  kvtest::TempDir dir;
-  const int status = kvtest::run_in_child([&] {
-    kvtest::CategoryScope a(dbgA), csl(dbgCSL);
-    Log log;
-    Handler handler(&log, "h");
-    ProcessManager::RegisterTerminator(&handler);
-    kvtest::CaptureSink sink;
-    SystemAlertListener listener, another;  // the once-only flag is the process's, not the listener's
-    listener.UncaughtFatalError();
-    another.UncaughtFatalError();
-    ProcessManager::HandleAbnormalTermination();  // the process's manager, entered already
-    std::string seen = std::to_string(log.size()) + " run\n";
-    for (const auto& entry : sink.entries()) seen += entry.logger + ": " + entry.text;
-    kvtest::write_file(dir.file("seen.txt"), seen);
-    return 0;
-  });
-  EXPECT_EQ(kvtest::child_result(status), 0);
-  EXPECT_EQ(kvtest::read_file(dir.file("seen.txt")),
-            "1 run\nKorvalis.A: CSL: SystemAlertListener::UncaughtFatalError being processed.\n"
-            "Korvalis.A: \nCSL: CAbnormalTerminationManager::HandleAbnormalTermination()\n"
-            "Korvalis.A: CSL: SystemAlertListener::UncaughtFatalError exit.\n"
-            "Korvalis.CSL: Error: SystemAlertListener::UncaughtFatalError called more than once.\n"
-            "Korvalis.A: \nCSL: CAbnormalTerminationManager::HandleAbnormalTermination()\n"
-            "Korvalis.A: \nInvalid attempt to re-enter the termination manager HandleAbnormalTermination method.\n");
 }
 
 // The whole path: an error that nothing catches ends the process after the

@@ -206,12 +206,8 @@ TEST(ZubPathName, QueriesAndDirectoryCreation) {
   EXPECT_FALSE(PathName("").Exists());
 }
 
-TEST(ZubCallback, FunctionCallbackRunsItsFunction) {
-  int calls = 0;
-  boost::shared_ptr<Callback> cb(new FunctionCallback([&calls] { ++calls; }));
-  cb->Invoke();
-  cb->Invoke();
-  EXPECT_EQ(calls, 2);
+// Function callbacks run in the timer suite; an empty one does nothing.
+TEST(ZubCallback, AnEmptyFunctionCallbackDoesNothing) {
   FunctionCallback empty{std::function<void()>()};
   EXPECT_NO_THROW(empty.Invoke());
 }
