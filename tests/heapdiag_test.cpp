@@ -65,7 +65,7 @@ class HeapDiagnostics : public ::testing::Test {
     sink.clear();
     dump();
     std::pair<std::string, std::string> out;
-    for (const kvtest::CaptureSink::Entry& entry : sink.entries()) (out.first.empty() ? out.first : out.second) += entry.text;
+    for (const auto& e : sink.entries()) (out.first.empty() ? out.first : out.second) += e.text;
     return out;
   }
 
@@ -186,7 +186,7 @@ TEST_F(HeapDiagnostics, UsageTableFormatsAndFile) {
 
 TEST_F(HeapDiagnostics, AHeapdumpFileThatCannotBeOpenedIsSkippedSilently) {
   ASSERT_EQ(mkdir("heapdump.txt", 0700), 0);  // not openable for appending, not even by root
-  EXPECT_NE(run(HeapDumpSummary).first.find("\n12 main 0 "), std::string::npos) << "the table still reaches the debug output";
+  EXPECT_NE(run(HeapDumpSummary).first.find("\n12 main 0 "), std::string::npos) << "the table is still written";
   EXPECT_EQ(rmdir("heapdump.txt"), 0) << "and nothing else was made of it";
 }
 

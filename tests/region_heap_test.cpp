@@ -94,14 +94,14 @@ void random_sequence(region_heap h, unsigned steps, size_t maxSize, unsigned sta
       model.erase(it);
       if (op < 8) {
         ASSERT_TRUE(kvos::region_heap_free(h, p));
-        continue;
+      } else {
+        const size_t n = random_size();
+        char* q = static_cast<char*>(kvos::region_heap_realloc(h, p, n));
+        ASSERT_NE(q, nullptr);
+        ASSERT_TRUE(filled_with(q, std::min(n, size), byte)) << "reallocation keeps the contents";
+        ASSERT_TRUE(n <= size || filled_with(q + size, n - size, 0)) << "growth is zeroed";
+        fill(q, n);
       }
-      const size_t n = random_size();
-      char* q = static_cast<char*>(kvos::region_heap_realloc(h, p, n));
-      ASSERT_NE(q, nullptr);
-      ASSERT_TRUE(filled_with(q, std::min(n, size), byte)) << "reallocation keeps the contents";
-      ASSERT_TRUE(n <= size || filled_with(q + size, n - size, 0)) << "growth is zeroed";
-      fill(q, n);
     }
     ASSERT_TRUE(kvos::region_heap_validate(h)) << "step " << step;
     if (step % 97 == 0) {

@@ -110,13 +110,14 @@ TEST(SysManagerFiles, FileTimeSetsTheLocalTimeAndFailuresAreReported) {
   EXPECT_EQ(kvos::unix_to_file_time(st.st_mtim.tv_sec, st.st_mtim.tv_nsec), utc);
   EXPECT_FALSE(SysManager::FileTime(path.c_str(), ((uint64_t{0x4B2A} & ~uint64_t{0x1E0}) | (13u << 5)) << 16))
       << "month 13 cannot be converted";
-  EXPECT_FALSE(SysManager::FileTime(dos_path(dir.path()).c_str(), kOther)) << "a directory cannot be opened for writing";
+  EXPECT_FALSE(SysManager::FileTime(dos_path(dir.path()).c_str(), kOther)) << "a directory is not opened to write";
   EXPECT_EQ(SysManager::FileTime(path.c_str()), kPacked);
 
   kvos::FaultScope faults;
   const std::string signature = " | bool __cdecl SysManager::FileTime(char *,unsigned __int64)";
   kvos::fault_arm(kvos::FaultPoint::FileClose);
-  EXPECT_EQ(kvtest::raised([&] { SysManager::FileTime(path.c_str(), kOther); }), "CloseHandle() failed @ 618" + signature);
+  EXPECT_EQ(kvtest::raised([&] { SysManager::FileTime(path.c_str(), kOther); }),
+            "CloseHandle() failed @ 618" + signature);
   EXPECT_EQ(SysManager::FileTime(path.c_str()), kOther) << "the time was set before the close failed";
   kvos::fault_arm(kvos::FaultPoint::FileClose);
   kvos::fault_arm(kvos::FaultPoint::FileSetTime);
@@ -280,7 +281,12 @@ TEST(SysManagerHeader, OnlyTheSetItemsAppearInTheirOrderAndExitSpeaksOnlyWhenIni
   const file_timestamp start = SysManager::StartTime;
   const uint64_t late = (uint64_t{(27u << 9) | (12u << 5) | 31u} << 16) | (23u << 11) | (59u << 5) | 29u;
   const std::string exe = "c:\\bin\\host.exe 01/01/1980 00:00:00\n", run = "Run 09/10/2017 13:18:30\n";
-  struct Row { int initialized; const char *model, *equipment, *user, *image, *version; uint64_t start; std::string header; };
+  struct Row {
+    int initialized;
+    const char *model, *equipment, *user, *image, *version;
+    uint64_t start;
+    std::string header;
+  };
   const Row rows[] = {
       {0, nullptr, nullptr, nullptr, nullptr, "", kPacked, run},
       {1, nullptr, nullptr, nullptr, nullptr, "", kPacked, exe + run},
@@ -350,7 +356,8 @@ TEST(SysManagerInitialize, AFailureIsReportedAndRethrownARetryRecordsTheExecutab
     if (kvos::env_get("tz") || kvos::env_get("TZ")) return 4;
     std::string exe;
     if (!kvos::host_to_dos(kvos::executable_path(), exe) || SysManager::ExeFilePath != exe) return 5;
-    if (SysManager::ExeTime.packed() == 0 || SysManager::ExeTime.packed() != SysManager::FileTime(exe.c_str())) return 6;
+    const uint64_t exeTime = SysManager::ExeTime.packed();
+    if (exeTime == 0 || exeTime != SysManager::FileTime(exe.c_str())) return 6;
     if (SysManager::gSystemStartTime < before || SysManager::gSystemStartTime > kvos::system_file_time()) return 7;
     SystemAlertListener* listener = ProcessManager::m_listener;
     const int64_t started = SysManager::gSystemStartTime;

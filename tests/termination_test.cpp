@@ -78,7 +78,8 @@ TEST(TerminationManager, RegistersOnceAndRunsEveryHandlerInOrderOnceThroughThrow
   sink.clear();
   manager.HandleAbnormalTermination();
   EXPECT_EQ(log.size(), 4u) << "no handler runs twice";
-  EXPECT_EQ(sink.text(), run + "\nInvalid attempt to re-enter the termination manager HandleAbnormalTermination method.\n");
+  EXPECT_EQ(sink.text(),
+            run + "\nInvalid attempt to re-enter the termination manager HandleAbnormalTermination method.\n");
   CSL::CAbnormalTerminationManager entered;
   entered = manager;
   log.clear();
