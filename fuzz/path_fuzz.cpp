@@ -63,12 +63,9 @@ void check_list(MultiPath& m) {
 
   std::vector<std::string> forward, backward;
   MultiPathIter it(m);
-  check(it.BOL() && !it);
-  while (++it) {
+  for (check(it.BOL() && !it); ++it; forward.push_back(**it)) {
     check_path(*it);
-    check(it->dir() == m.dir() && m.match(*it));
-    forward.push_back(**it);
-    check(static_cast<int>(forward.size()) <= (count > 0 ? count : 1));
+    check(it->dir() == m.dir() && m.match(*it) && static_cast<int>(forward.size()) < (count > 0 ? count : 1));
   }
   check(!it);
   if (count == 0) return check(forward.size() == (m.dir().is_valid() ? 1u : 0u));
@@ -95,9 +92,8 @@ void check_multipath(const std::string& text, const std::string& names) {
   std::istringstream split(names);
   for (std::string part; parts.size() < 64 && std::getline(split, part, ';');) parts.push_back(part);
   for (const std::string& part : parts) {
-    const filename name(part.c_str());
-    m.Add(name);
-    check(m.SinglePath().file() == name && m.FileList().Last()->name == name);
+    m.Add(part.c_str());
+    check(m.SinglePath().file() == filename(part.c_str()) && m.FileList().Last()->name == filename(part.c_str()));
   }
   check(m.Count() == static_cast<int>(parts.size()) + own);
   check_list(m);
@@ -129,7 +125,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string first = input.substr(0, split);
   const std::string second = split == std::string::npos ? std::string() : input.substr(split + 1).c_str();
 
-  filename f(first.c_str());
+  const filename f(first.c_str());
   dirname d(first.c_str());
   pathname p(first.c_str());
   check_name(f);
@@ -152,14 +148,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   stamped << file_timestamp(static_cast<uint64_t>(size) * 2654435761u);
   for (const filename* name : {&filled, &numbered, &stamped}) check_name(*name);
 
-  d << second.c_str();
-  check_dir(d);
-  p << second.c_str();
-  check_path(p);
-  p << g;
-  check_path(p);
-  ++p;
-  check_path(p);
+  check_dir(d << second.c_str());
+  check_path(p << second.c_str());
+  check_path(p << g);
+  check_path(++p);
   check_path(pathname(d, g));
   check(!dirname(p).is_valid() || std::strlen(*dirname(p)) <= 256);
 

@@ -71,9 +71,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Units copy(u), product(u), mark(u);
   check(copy == u);
   const auto factors = [](const Units& x) { return x.Numerator().NumberOfUnits() + x.Denominator().NumberOfUnits(); };
-  const int before = factors(copy);
   copy.Simplify();
-  check(factors(copy) <= before);
+  check(factors(copy) <= factors(u));
   product *= copy;
   check_units(product);
   product /= u;
@@ -96,11 +95,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Formatting: the value always; the unit text only when it holds no "%",
   // which the formatter's second pass would take as a directive.
   std::vector<char> out(2 * m.GetUnits().WriteSize() + 1024);
-  const int n = m.sprintf(out.data(), "%V|%12.3v|%-6V");
-  check(n >= 0 && std::size_t(n) == std::strlen(out.data()));
-  if (written(m.GetUnits()).find('%') == std::string::npos) {
-    const int k = m.sprintf(out.data(), "%V %U|%-20.5U|%%");
-    check(k >= 0 && std::size_t(k) == std::strlen(out.data()));
+  for (const char* format : {"%V|%12.3v|%-6V", "%V %U|%-20.5U|%%"}) {
+    if (std::strstr(format, "%U") != nullptr && written(m.GetUnits()).find('%') != std::string::npos) continue;
+    const int n = m.sprintf(out.data(), format);
+    check(n >= 0 && std::size_t(n) == std::strlen(out.data()));
   }
   return 0;
 }

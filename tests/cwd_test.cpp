@@ -158,8 +158,10 @@ TEST_F(Cwd, DriveTableInterfaceForHosts) {
   EXPECT_EQ(network_root(), "");
   ASSERT_TRUE(network_root_set(root_.c_str()));
   EXPECT_TRUE(dos_to_host_path("\\\\server\\share\\f.txt", host) && host == root_ + "/server/share/f.txt") << host;
-  EXPECT_TRUE(network_root_set(nullptr));
-  EXPECT_FALSE(dos_to_host_path("\\\\server\\share\\f.txt", host));
+  for (const char* none : {static_cast<const char*>(nullptr), ""}) {  // either clears the network root
+    ASSERT_TRUE(network_root_set(root_.c_str()) && network_root_set(none));
+    EXPECT_FALSE(dos_to_host_path("\\\\server\\share\\f.txt", host));
+  }
   EXPECT_TRUE(drive_unmap('q'));
 }
 

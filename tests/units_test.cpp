@@ -53,8 +53,7 @@ TEST(UnitElt, SymbolsMatchIgnoringCaseButPrefixesDoNot) {
   EXPECT_EQ(e.Read(text), text + 8);
   EXPECT_EQ(text_of(e), "counts");
   const std::string longText(5000, 'x');
-  EXPECT_EQ(e.Read(longText.c_str()), longText.c_str() + 5000);
-  EXPECT_EQ(text_of(e), "xxxxxxxxxx");
+  EXPECT_TRUE(e.Read(longText.c_str()) == longText.c_str() + 5000 && text_of(e) == "xxxxxxxxxx") << text_of(e);
   e.Read("V");
   EXPECT_TRUE(UnitType(e) == Volt && e.CustomText() == nullptr);
 
@@ -81,18 +80,17 @@ TEST(UnitElt, CopiesShareNothingAndComparisonsIgnoreCustomTexts) {
 
 TEST(UnitsRead, CompoundTextsSplitAtSeparatorsAndLongTokensAreCut) {
   // Written back, with the numbers of factors above and below.
-  const struct { const char* text; const char* written; int numerator, denominator; } cases[] = {
-      {"1/s", "1/s", 0, 1}, {"1", "", 0, 0}, {"m*m", "m*m", 2, 0}, {"nm/V*s", "nm/V*s", 1, 2}, {"x/y/z", "x/y*z", 1, 2},
-      {"nm/  ", "nm", 1, 0}, {"**nm//V", "nm/V", 1, 1}, {"V/V", "V/V", 1, 1},
-      {"abcdefghijklm", "abcdefghij*lm", 2, 0},  // cut to 10, the 11th skipped, the rest a further factor
-      {"abcdefghijklm/V", "abcdefghij/lm*V", 1, 2},  // the rest of a long token before "/" is already below
-      {"abcdefghijk/V", "abcdefghij/V", 1, 1}};
-  for (const auto& c : cases) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"1/s", "1/s 0/1"}, {"1", " 0/0"}, {"m*m", "m*m 2/0"}, {"nm/V*s", "nm/V*s 1/2"}, {"x/y/z", "x/y*z 1/2"},
+      {"nm/  ", "nm 1/0"}, {"**nm//V", "nm/V 1/1"}, {"V/V", "V/V 1/1"},
+      {"abcdefghijklm", "abcdefghij*lm 2/0"},      // cut to 10, the 11th skipped, the rest a further factor
+      {"abcdefghijklm/V", "abcdefghij/lm*V 1/2"},  // the rest of a long token before "/" is already below
+      {"abcdefghijk/V", "abcdefghij/V 1/1"}};
+  for (const auto& [text, want] : cases) {
     Units u("nm");
-    EXPECT_EQ(u.Read(c.text), c.text + std::strlen(c.text));
-    EXPECT_EQ(text_of(u), c.written) << c.text;
-    EXPECT_EQ(u.Numerator().NumberOfUnits(), c.numerator) << c.text;
-    EXPECT_EQ(u.Denominator().NumberOfUnits(), c.denominator) << c.text;
+    EXPECT_EQ(u.Read(text), text + std::strlen(text));
+    EXPECT_EQ(text_of(u) + " " + std::to_string(u.Numerator().NumberOfUnits()) + "/" +
+                  std::to_string(u.Denominator().NumberOfUnits()), want);
   }
   // Blanks before a separator stay in the token.
   const Units spaced("nm / V");
@@ -118,12 +116,9 @@ TEST(UnitList, SingleSlotMovesBetweenShapes) {
   EXPECT_EQ(l.Count(), 0) << "one factor needs no chain element";
   auto* second = new UnitElt(Volt);
   l.AddNewUnit(second);
-  EXPECT_EQ(shape(l), "1/7 2/4");
-  EXPECT_EQ(l.LastUnit(), second);
+  EXPECT_TRUE(shape(l) == "1/7 2/4" && l.LastUnit() == second) << shape(l);
   l.RemoveUnit(l.FirstUnit());
-  EXPECT_EQ(l.Count(), 0) << "the survivor moves to the single slot";
-  EXPECT_EQ(shape(l), "2/4");
-  EXPECT_EQ(l.FirstUnit(), l.LastUnit());
+  EXPECT_TRUE(l.Count() == 0 && shape(l) == "2/4" && l.FirstUnit() == l.LastUnit()) << "the survivor moves to the slot";
   UnitElt stranger(Volt);
   l.RemoveUnit(&stranger);  // not a factor of the list: ignored
   EXPECT_EQ(l.NumberOfUnits(), 1);
@@ -161,18 +156,14 @@ TEST(UnitIter, WalksTheSingleSlotAndFollowsRemovals) {
   UnitList l;
   l.AddNewUnit(UnitElt(Volt));
   UnitIter it(l);
-  EXPECT_EQ(it.Next(), l.FirstUnit());
-  EXPECT_EQ(it.Next(), nullptr);
-  EXPECT_EQ(it.Prev(), l.FirstUnit()) << "from the end, back to the single factor";
-  EXPECT_EQ(it.Prev(), nullptr);
-  EXPECT_TRUE(it.BOL());
+  EXPECT_TRUE(it.Next() == l.FirstUnit() && it.Next() == nullptr);
+  EXPECT_TRUE(it.Prev() == l.FirstUnit() && it.Prev() == nullptr && it.BOL()) << "from the end, back to the factor";
   EXPECT_EQ(it.Last(), l.FirstUnit());
 
   // Adding a second factor takes the iterator along into the chain.
   l.AddNewUnit(UnitElt(Meter));
   ASSERT_NE(it.Current(), nullptr);
-  EXPECT_EQ(UnitType(*it.Current()), Volt);
-  EXPECT_EQ(UnitType(*it.Next()), Meter);
+  EXPECT_TRUE(UnitType(*it.Current()) == Volt && UnitType(*it.Next()) == Meter);
   UnitIter onMeter(it);
   it.First();
   // Removing the first factor: it moves on to the survivor, which moves to the slot.
@@ -186,8 +177,7 @@ TEST(UnitIter, WalksTheSingleSlotAndFollowsRemovals) {
 
   // An iterator at the end of a chain that collapses stays at the end.
   UnitList two;
-  two.AddNewUnit(UnitElt(Volt));
-  two.AddNewUnit(UnitElt(Meter));
+  two.AddNewUnit(UnitElt(Volt)).AddNewUnit(UnitElt(Meter));
   UnitIter end(two);
   end.Last();
   two.RemoveUnit(end.Current());

@@ -19,9 +19,7 @@ namespace kvtest {
 
 // The text of a filename, dirname, pathname or MultiPath.
 template <class T>
-std::string text_of(const T& name) {
-  return static_cast<char*>(name);
-}
+std::string text_of(const T& name) { return static_cast<char*>(name); }
 
 // The process's working directory as a host path.
 inline std::string process_cwd() {
@@ -50,8 +48,6 @@ class CwdScope {
     CWD::Set(current_);
     CWD::CaptureDir(capture_);
   }
-  CwdScope(const CwdScope&) = delete;
-  CwdScope& operator=(const CwdScope&) = delete;
 
  private:
   int drive_;
