@@ -60,6 +60,7 @@ TEST(MeasConvert, ConversionsHelpersAndArithmetic) {
   a += Meas(500, "nm");
   sq *= sq;
   const Meas rate = Meas(10, "um") / Meas(4, "ms");
+  Meas m(-2.5, "nm/V");
   const std::pair<Meas, const char*> cases[] = {
       {d.ConvMeas(Units("pm")), "5000000 pm"}, {d.AutoScale(), "5 um"}, {d, "5000 nm"},  // the source is unchanged
       {Meas(0.0025, "V").AutoScale(), "2.5 mV"}, {Meas(0.0, "nm").AutoScale(), "0 nm"},
@@ -69,16 +70,12 @@ TEST(MeasConvert, ConversionsHelpersAndArithmetic) {
       {Meas(1, "V") + Meas(1, "mV"), "1.001 V"}, {Meas(2, "mm") * Meas(3, "1/m"), "0.006 "},
       {Meas(6, "nm") / Meas(0, "s"), "6 nm/s"},  // a zero divisor only combines the units
       {rate, "2.5 um/ms"}, {rate * Meas(2, "s"), "5000 um"}, {sq, "9 nm*nm"}, {Meas(4, "V") * 2, "8 V"},
-      {Meas(4, "V") / 8.0f, "0.5 V"}, {s + 2L, "6.5 "}};
+      {Meas(4, "V") / 8.0f, "0.5 V"}, {s + 2L, "6.5 "}, {Meas(Meas(-2.5, "nm/V").Sign()), "-1 "},
+      {Meas(Meas(0.0).Sign()), "1 "}, {Meas(Meas(std::nan("")).Sign()), "-1 "},
+      {m = Units("um/V"), "-2.5 um/V"},  // replacing the units does not convert
+      {m = 7.0, "7 um/V"}, {m.Clear(), "0 "}};
   for (const auto& [m, want] : cases) EXPECT_EQ(show(m), want);
   EXPECT_TRUE(std::isinf((Meas(4, "V") / 0L).GetValue())) << "no check for a zero number";
-  EXPECT_EQ(Meas(-2.5, "nm/V").Sign(), -1.0);
-  EXPECT_EQ(Meas(0.0).Sign(), 1.0);
-  EXPECT_EQ(Meas(std::nan("")).Sign(), -1.0);
-  Meas m(-2.5, "nm/V");
-  EXPECT_EQ(show(m = Units("um/V")), "-2.5 um/V") << "replacing the units does not convert";
-  EXPECT_EQ(show(m = 7.0), "7 um/V");
-  EXPECT_TRUE(m.Clear().IsScalar());
   const Meas copy(m = Meas(3, "s"));
   EXPECT_EQ(text_of(Units(copy)), "s");
 
