@@ -160,6 +160,9 @@ TEST(MultiPathIterate, StepsBothWaysRebindsAndOutlivesItsOwner) {
   ++it;
   it.Top();
   EXPECT_TRUE(it.BOL() && !it) << "Top leaves no current path";
+  MultiPathIter assigned;
+  assigned = copy;
+  EXPECT_EQ(text_of(*assigned), "c:\\data\\a") << "an assigned iterator stands where its source stood";
   MultiPath nothing;
   EXPECT_TRUE(walk(nothing).empty()) << "no directory, no path";
 
