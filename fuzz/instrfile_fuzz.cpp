@@ -5,9 +5,8 @@
 // after a record turns that record into a section when read back) or a value
 // holds "=" (possible through "\=" continuation lines; read back, the line
 // splits at its last "="), or so does the name of a section without a value.
-// The tree
-// is also copied, walked with the cursor and destroyed. Any broken invariant
-// traps.
+// Each tree read is also walked with the cursor, copied, and the copy walked
+// and written. Any broken invariant traps.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -26,45 +25,54 @@ void check(bool condition) {
   if (!condition) __builtin_trap();
 }
 
-// Walks the whole tree with the cursor; counts items and reports whether an
-// item cannot be read back as written.
-void walk(InstrHandle& h, size_t& items, bool& lossy) {
+// Walks the whole tree with the cursor: the number of items; lossy is set when
+// an item cannot be read back as written.
+size_t walk(InstrHandle& h, bool& lossy) {
+  size_t items = 0;
   h.Seek(InstrTypeBOF);
-  int depth = 0;
-  for (;;) {
+  for (int depth = 0;;) {
     InstrRecord* r = h.NextItem();
     if (r == nullptr) {
-      if (depth == 0) break;
+      if (depth-- == 0) return items;
       check(h.Seek(InstrTypeExit));
-      --depth;
       continue;
     }
     ++items;
-    if (std::strchr(r->Str(), '=') != nullptr) lossy = true;
+    const char* first = r->Tag()[0] != '\0' ? r->Tag() : r->Str();
+    lossy |= std::strchr(r->Str(), '=') != nullptr || (!r->IsSection() && first[0] == '{') ||
+             (r->IsSection() && r->Str()[0] == '\0' && std::strchr(r->Tag(), '=') != nullptr);
     if (r->IsSection()) {
-      if (r->Str()[0] == '\0' && std::strchr(r->Tag(), '=') != nullptr) lossy = true;
-      check(r->Tag()[0] != '\0' && r->Tag()[0] != '{' && std::strlen(r->Tag()) <= 256);
-      check(h.EnterSection());
+      check(r->Tag()[0] != '\0' && r->Tag()[0] != '{' && std::strlen(r->Tag()) <= 256 && h.EnterSection());
       ++depth;
-    } else {
-      const char* first = r->Tag()[0] != '\0' ? r->Tag() : r->Str();
-      if (first[0] == '{') lossy = true;
     }
   }
 }
 
-std::string write_text(InstrHandle& h) {
-  check(h.Write());
-  check(h.Buf() != nullptr);
-  const std::string out = h.Buf();
-  check(out.size() >= 2 && out.compare(out.size() - 2, 2, "\r\n") == 0);
+// Reads a memory copy of in: the text written from its tree (checked against
+// the text a copy of the tree writes), or "" when it does not read.
+std::string read_and_write(const std::string& in, bool noHeader, bool& lossy) {
+  char* text = static_cast<char*>(KvOperatorNew(in.empty() ? 1 : in.size()));
+  std::memcpy(text, in.data(), in.size());
+  std::string out;
+  {
+    InstrHandle h(static_cast<void*>(text));
+    if (noHeader) h.SetHeaderName(nullptr);
+    const bool ok = h.Read();
+    check(ok == (h.ErrStr() == nullptr) && ok == !!h && h.CurLine() >= 0);
+    const size_t items = walk(h, lossy);
+    if (ok) {
+      check(h.Write() && h.Buf() != nullptr);
+      out = h.Buf();
+      check(out.size() >= 2 && out.compare(out.size() - 2, 2, "\r\n") == 0);
+      h.Seek(InstrTypeBOF);
+      InstrHandle copy(static_cast<InstrSection*>(h.CurrentSection()->DupTree()));
+      if (noHeader) copy.SetHeaderName(nullptr);
+      bool ignored = false;
+      check(walk(copy, ignored) == items && copy.Write() && out == copy.Buf());
+    }
+  }
+  KvOperatorDelete(text);
   return out;
-}
-
-char* block_of(const char* data, size_t size) {
-  char* b = static_cast<char*>(KvOperatorNew(size != 0 ? size : 1));
-  if (size != 0) std::memcpy(b, data, size);
-  return b;
 }
 
 }  // namespace
@@ -74,48 +82,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)heaps;
   if (size == 0) return 0;
   const bool noHeader = (data[0] & 1) != 0;
-  char* text = block_of(reinterpret_cast<const char*>(data) + 1, size - 1);
-
-  std::string first;
-  bool lossy = false;
-  {
-    InstrHandle h(static_cast<void*>(text));
-    if (noHeader) h.SetHeaderName(nullptr);
-    const bool ok = h.Read();
-    check(ok == (h.ErrStr() == nullptr));
-    check(ok == !!h);
-    check(h.CurLine() >= 0);
-    size_t items = 0;
-    walk(h, items, lossy);
-    if (!ok) {
-      KvOperatorDelete(text);
-      return 0;
-    }
-    first = write_text(h);
-
-    // A copy of the root holds the same items and writes the same text.
-    h.Seek(InstrTypeBOF);
-    InstrRecord* copy = h.CurrentSection()->DupTree();
-    InstrHandle c(static_cast<InstrSection*>(copy));
-    if (noHeader) c.SetHeaderName(nullptr);
-    size_t copied = 0;
-    bool ignored = false;
-    walk(c, copied, ignored);
-    check(copied == items);
-    check(write_text(c) == first);
-  }
-  KvOperatorDelete(text);
-
-  char* again = block_of(first.data(), first.size());
-  {
-    InstrHandle h(static_cast<void*>(again));
-    if (noHeader) h.SetHeaderName(nullptr);
-    const bool ok = h.Read();
-    if (!lossy) {
-      check(ok);
-      check(write_text(h) == first);
-    }
-  }
-  KvOperatorDelete(again);
+  bool lossy = false, ignored = false;
+  const std::string in(reinterpret_cast<const char*>(data) + 1, size - 1);
+  const std::string first = read_and_write(in, noHeader, lossy);
+  if (!first.empty() && !lossy) check(read_and_write(first, noHeader, ignored) == first);
   return 0;
 }

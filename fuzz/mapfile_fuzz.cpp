@@ -9,46 +9,37 @@
 
 #include "StackWriter.h"
 
-namespace {
-
-void check(bool condition) {
+static void check(bool condition) {
   if (!condition) __builtin_trap();
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const char* text = reinterpret_cast<const char*>(data);
   const char* nul = static_cast<const char*>(std::memchr(text, '\0', size));
   const size_t mapSize = nul == nullptr ? size : static_cast<size_t>(nul - text);
   const std::string raw = nul == nullptr ? std::string(text, size) : std::string(nul + 1, text + size);
-
   CSL::CTranslateRawStackInfo reader;
-  if (!reader.LoadMapText(text, mapSize)) {
-    check(mapSize < 2);
-    return 0;
-  }
+  const bool loaded = reader.LoadMapText(text, mapSize);
+  check(loaded || mapSize < 2);
+  if (!loaded) return 0;
   if (!reader.BuildSymbolTable("main", 0x401000)) {
     check(reader.GetNumberOfSymbols() == 0 && reader.TranslateRawStack(raw) == raw);
     return 0;
   }
+  // Sorted, well-formed names, the anchor where it was put; every symbol
+  // names its own start but those at the last address, which end the table.
   const size_t count = reader.GetNumberOfSymbols();
   const CSL::CTranslateRawStackInfo::Symbol* symbols = reader.GetSymbols();
-  check(count > 0);
   bool anchored = false;
   for (size_t i = 0; i < count; ++i) {
-    check(symbols[i].name != nullptr && *symbols[i].name != '\0');
-    check(std::strpbrk(symbols[i].name, " \t\r\n") == nullptr);
-    if (i > 0) check(symbols[i - 1].address <= symbols[i].address);
+    check(symbols[i].name != nullptr && *symbols[i].name != '\0' && !std::strpbrk(symbols[i].name, " \t\r\n"));
+    check(i == 0 || symbols[i - 1].address <= symbols[i].address);
     anchored = anchored || (std::strcmp(symbols[i].name, "main") == 0 && symbols[i].address == 0x401000);
-  }
-  check(anchored);
-  // Every symbol but the last names its own start.
-  for (size_t i = 0; i + 1 < count; ++i) {
     uint64_t distance = 1;
     const char* name = reader.FindSymbol(symbols[i].address, distance);
     check(symbols[i].address == symbols[count - 1].address || (name != nullptr && distance == 0));
   }
+  check(count > 0 && anchored);
   uint64_t distance = 0;
   check(reader.FindSymbol(symbols[count - 1].address, distance) == nullptr);
   check(reader.TranslateRawStack(raw).size() < 32768);

@@ -3,13 +3,11 @@
 // the cases that need them run in a child.
 #include <gtest/gtest.h>
 
-
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <functional>
 #include <string>
 
-#include "Zub/Core/Assert.h"
 #include "heap.h"
 #include "kvos/debugger.h"
 #include "kvos/module.h"
@@ -18,15 +16,7 @@
 
 namespace {
 
-template <typename F>
-std::string assertion_text(F&& f) {
-  try {
-    f();
-  } catch (const Zub::Core::AssertionError& e) {
-    return e.what();
-  }
-  return "(no assertion)";
-}
+const char* const kFile = "tests/heapinit";
 
 std::string g_debuggerText;
 void capture(const char* text) { g_debuggerText += text; }
@@ -40,83 +30,64 @@ void append_to_file(const char* text) {
   }
 }
 
-TEST(BeforeInitialize, EverythingFallsToTheRuntimeLibrary) {
+TEST(BeforeInitialize, EverythingFallsToTheRuntimeLibraryAndTheHeapLockIsAFailedAssertion) {
   ASSERT_FALSE(heap::initialized);
   ASSERT_EQ(mainheap, nullptr);
+  EXPECT_EQ(SysManager::m_hModule, kvos::executable_module()) << "the library's load recorded the host module";
   char* raw = static_cast<char*>(KvOperatorNew(16));
   EXPECT_EQ(heapman_mgr::find(raw), nullptr);
-  int* tracked = new (mainheap, "tests/heapinit", 1) int(4);  // mainheap is null: untracked
+  int* tracked = new (mainheap, kFile, 1) int(4);  // mainheap is null: untracked
   EXPECT_EQ(*tracked, 4);
   char* copy = sys_strdup("early");
   EXPECT_STREQ(copy, "early");
   char* nearCopy = strdup(raw, "near");
   EXPECT_STREQ(nearCopy, "near");
-  char* grown = static_cast<char*>(heapman_mgr::reallocator(nullptr, 8));
-  grown = static_cast<char*>(heapman_mgr::reallocator(grown, 5000));
+  char* grown = static_cast<char*>(heapman_mgr::reallocator(heapman_mgr::reallocator(nullptr, 8), 5000));
   EXPECT_GE(heapman_mgr::get_size(grown), 5000u);
   EXPECT_NO_THROW(heapman_mgr::check()) << "nothing to check yet";
   for (void* p : {static_cast<void*>(raw), static_cast<void*>(tracked), static_cast<void*>(copy),
                   static_cast<void*>(nearCopy), static_cast<void*>(grown)})
     KvOperatorDelete(p);  // free: the sanitizers would see a leak or a bad free
+  for (const std::function<void()>& locking :
+       std::initializer_list<std::function<void()>>{[] { heap h("early"); }, HeapDump, HeapMark}) {
+    const std::string text = kvtest::raised(locking);
+    EXPECT_EQ(text.substr(0, text.find(" @ ")), "Assertion failed: m_Mutex != 0");
+  }
 }
 
-TEST(BeforeInitialize, TakingTheHeapLockIsAFailedAssertion) {
-  const std::string expected = "Assertion failed: m_Mutex != 0";
-  EXPECT_EQ(assertion_text([] { heap h("early"); }), expected);
-  EXPECT_EQ(assertion_text([] { HeapDump(); }), expected);
-  EXPECT_EQ(assertion_text([] { HeapMark(); }), expected);
-}
-
-TEST(LibraryLoad, RecordsTheHostModule) {
-  EXPECT_NE(SysManager::m_hModule, nullptr);
-  EXPECT_EQ(SysManager::m_hModule, kvos::executable_module());
-}
-
-TEST(LibraryUnload, ExitFunctionTearsTheHeapsDown) {
+TEST(LibraryUnload, TheExitFunctionTearsTheHeapsDownOnceAndLateFreesAreIgnored) {
   const int status = kvtest::run_in_child([] {
     heapman_mgr::initialize();
-    heap* h = new (mainheap, "tests/heapinit", 1) heap("doomed");
-    char* block = static_cast<char*>(operator new(10, h, "tests/heapinit", 2));
+    heap* h = new (mainheap, kFile, 1) heap("doomed");
+    char* block = static_cast<char*>(operator new(10, h, kFile, 2));
     char* mainBlock = sys_strdup("in main");
     kvos::set_debugger_writer(capture);
     kvExitFunc();
-    if (mainheap != nullptr) return 1;
-    if (g_debuggerText != "kvExitFunc: deleting mainheap\n") return 2;
-    kvExitFunc();
-    if (g_debuggerText != "kvExitFunc: deleting mainheap\n") return 3;  // nothing left to do
-    if (heapman_mgr::find(block) != nullptr) return 4;
+    kvExitFunc();  // nothing left to do
+    if (mainheap != nullptr || heapman_mgr::find(block) != nullptr) return 1;
     // Late frees of blocks whose heaps are gone are ignored, not handed to free.
     KvOperatorDelete(block);
     KvOperatorDelete(mainBlock);
     heapman_mgr::deallocator(block);
-    void* fresh = KvOperatorNew(8);  // the runtime library works on
-    KvOperatorDelete(fresh);
-    return 0;
+    KvOperatorDelete(KvOperatorNew(8));  // the runtime library works on
+    return g_debuggerText == "kvExitFunc: deleting mainheap\n" ? 0 : 2;
   });
   EXPECT_EQ(kvtest::child_result(status), 0);
-}
 
-TEST(LibraryUnload, ExitRunsTheExitFunctionOnce) {
+  // A normal exit runs the library's registered exit function; without heaps it writes nothing.
   kvtest::TempDir dir;
-  std::snprintf(g_outputPath, sizeof g_outputPath, "%s", dir.file("exit.txt").c_str());
-  int status = kvtest::run_in_child([] {
-    heapman_mgr::initialize();
-    new (mainheap, "tests/heapinit", 1) heap("left");
-    kvos::set_debugger_writer(append_to_file);
-    std::exit(0);  // atexit handlers run; the library's registered kvExitFunc
-    return 1;
-  });
-  EXPECT_EQ(kvtest::child_result(status), 0);
-  EXPECT_EQ(kvtest::read_text(g_outputPath), "kvExitFunc: deleting mainheap\n");
-
-  std::snprintf(g_outputPath, sizeof g_outputPath, "%s", dir.file("quiet.txt").c_str());
-  status = kvtest::run_in_child([] {
-    kvos::set_debugger_writer(append_to_file);
-    std::exit(0);
-    return 1;
-  });
-  EXPECT_EQ(kvtest::child_result(status), 0);
-  EXPECT_EQ(kvtest::read_file(g_outputPath), "") << "without heaps the exit function writes nothing";
+  for (const bool heaps : {true, false}) {
+    std::snprintf(g_outputPath, sizeof g_outputPath, "%s", dir.file(heaps ? "exit.txt" : "quiet.txt").c_str());
+    const int exited = kvtest::run_in_child([heaps] {
+      if (heaps) heapman_mgr::initialize();
+      if (heaps) new (mainheap, kFile, 1) heap("left");
+      kvos::set_debugger_writer(append_to_file);
+      std::exit(0);
+      return 1;
+    });
+    EXPECT_EQ(kvtest::child_result(exited), 0);
+    EXPECT_EQ(kvtest::read_text(g_outputPath), heaps ? "kvExitFunc: deleting mainheap\n" : "");
+  }
 }
 
 }  // namespace

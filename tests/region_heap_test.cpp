@@ -1,10 +1,13 @@
 // Region heaps: the allocator under the tracked heaps.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <map>
 #include <random>
+#include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -16,22 +19,12 @@ namespace {
 using kvos::heap_entry;
 using kvos::region_heap;
 
-// What the test expects a heap to hold: every live block, its size and the
-// byte it was filled with.
-struct Model {
-  struct Live {
-    size_t size;
-    unsigned char fill;
-  };
-  std::map<char*, Live> blocks;
-};
+// What the test expects a heap to hold: every live block with its size and
+// the byte it was filled with.
+using Model = std::map<char*, std::pair<size_t, unsigned char>>;
 
 struct WalkTotals {
-  size_t regions = 0;
-  size_t busy = 0;
-  size_t busyBytes = 0;
-  size_t freeBlocks = 0;
-  size_t uncommittedRanges = 0;
+  size_t regions = 0, busy = 0, freeBlocks = 0;
   bool accountsForCommitted = true;  // region overhead + blocks == committed size, per region
   bool busyMatchModel = true;
 };
@@ -40,42 +33,28 @@ WalkTotals walk(region_heap h, const Model* model = nullptr) {
   WalkTotals t;
   heap_entry e;
   size_t committed = 0, accounted = 0;
-  bool inRegion = false;
-  auto close_region = [&] {
-    if (inRegion && committed != accounted) t.accountsForCommitted = false;
-  };
   while (kvos::region_heap_walk(h, &e)) {
     if (e.wFlags & kvos::heap_entry_region) {
-      close_region();
-      inRegion = true;
-      ++t.regions;
+      if (t.regions++ > 0 && committed != accounted) t.accountsForCommitted = false;
       committed = e.Region.dwCommittedSize;
       accounted = e.cbOverhead;
-    } else if (e.wFlags & kvos::heap_entry_uncommitted_range) {
-      ++t.uncommittedRanges;
-    } else {
+    } else if (!(e.wFlags & kvos::heap_entry_uncommitted_range)) {
       accounted += e.cbData + e.cbOverhead;
-      if (e.wFlags & kvos::heap_entry_busy) {
-        ++t.busy;
-        t.busyBytes += e.cbData;
-        if (model != nullptr) {
-          auto it = model->blocks.find(static_cast<char*>(e.lpData));
-          if (it == model->blocks.end() || it->second.size != e.cbData) t.busyMatchModel = false;
-        }
-      } else {
-        ++t.freeBlocks;
+      const bool busy = (e.wFlags & kvos::heap_entry_busy) != 0;
+      (busy ? t.busy : t.freeBlocks) += 1;
+      if (busy && model != nullptr) {
+        auto it = model->find(static_cast<char*>(e.lpData));
+        if (it == model->end() || it->second.first != e.cbData) t.busyMatchModel = false;
       }
     }
   }
-  close_region();
+  if (t.regions > 0 && committed != accounted) t.accountsForCommitted = false;
   EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_no_more_items);
   return t;
 }
 
 bool filled_with(const char* p, size_t n, unsigned char c) {
-  for (size_t i = 0; i < n; ++i)
-    if (static_cast<unsigned char>(p[i]) != c) return false;
-  return true;
+  return std::string_view(p, n) == std::string(n, static_cast<char>(c));
 }
 
 // Runs a long random sequence of allocations, frees and reallocations
@@ -87,64 +66,54 @@ void random_sequence(region_heap h, unsigned steps, size_t maxSize, unsigned sta
   auto random_size = [&] {
     // Mostly small, sometimes large, now and then zero.
     const unsigned pick = rng() % 100;
-    if (pick < 3) return size_t(0);
-    if (pick < 80) return size_t(rng() % 300);
-    return size_t(rng() % maxSize);
+    return size_t(pick < 3 ? 0 : pick < 80 ? rng() % 300 : rng() % maxSize);
+  };
+  auto fill = [&](char* p, size_t n) {
+    ASSERT_EQ(model.count(p), 0u) << "a live block was handed out twice";
+    std::memset(p, nextFill, n);
+    model[p] = {n, nextFill};
+    nextFill = static_cast<unsigned char>(nextFill % 250 + 1);
   };
   for (unsigned step = 0; step < steps; ++step) {
     const unsigned op = rng() % 10;
-    if (op < 4 || model.blocks.empty()) {
+    if (op < 4 || model.empty()) {
       const size_t n = random_size();
       char* p = static_cast<char*>(kvos::region_heap_alloc(h, n));
       ASSERT_NE(p, nullptr) << "step " << step << " size " << n;
       ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u);
       ASSERT_TRUE(filled_with(p, n, 0)) << "a new block is zero-filled";
-      ASSERT_EQ(model.blocks.count(p), 0u) << "a live block was handed out twice";
-      std::memset(p, nextFill, n);
-      model.blocks[p] = {n, nextFill};
-      nextFill = static_cast<unsigned char>(nextFill % 250 + 1);
+      fill(p, n);
     } else {
-      auto it = model.blocks.begin();
-      std::advance(it, static_cast<long>(rng() % model.blocks.size()));
+      auto it = std::next(model.begin(), static_cast<long>(rng() % model.size()));
       char* p = it->first;
-      const Model::Live live = it->second;
-      ASSERT_TRUE(filled_with(p, live.size, live.fill)) << "block contents survive other operations";
-      ASSERT_EQ(kvos::region_heap_size(h, p), live.size);
+      const auto [size, byte] = it->second;
+      ASSERT_TRUE(filled_with(p, size, byte)) << "block contents survive other operations";
+      ASSERT_EQ(kvos::region_heap_size(h, p), size);
+      model.erase(it);
       if (op < 8) {
         ASSERT_TRUE(kvos::region_heap_free(h, p));
-        model.blocks.erase(it);
       } else {
         const size_t n = random_size();
         char* q = static_cast<char*>(kvos::region_heap_realloc(h, p, n));
         ASSERT_NE(q, nullptr);
-        ASSERT_TRUE(filled_with(q, std::min(n, live.size), live.fill)) << "reallocation keeps the contents";
-        if (n > live.size) {
-          ASSERT_TRUE(filled_with(q + live.size, n - live.size, 0)) << "growth is zeroed";
-        }
-        model.blocks.erase(it);
-        ASSERT_EQ(model.blocks.count(q), 0u);
-        std::memset(q, nextFill, n);
-        model.blocks[q] = {n, nextFill};
-        nextFill = static_cast<unsigned char>(nextFill % 250 + 1);
+        ASSERT_TRUE(filled_with(q, std::min(n, size), byte)) << "reallocation keeps the contents";
+        ASSERT_TRUE(n <= size || filled_with(q + size, n - size, 0)) << "growth is zeroed";
+        fill(q, n);
       }
     }
     ASSERT_TRUE(kvos::region_heap_validate(h)) << "step " << step;
     if (step % 97 == 0) {
       if (step % 3 == 0) kvos::region_heap_compact(h);
       const WalkTotals t = walk(h, &model);
-      size_t bytes = 0;
-      for (const auto& [p, live] : model.blocks) bytes += live.size;
-      ASSERT_EQ(t.busy, model.blocks.size());
-      ASSERT_EQ(t.busyBytes, bytes);
+      ASSERT_EQ(t.busy, model.size());
       ASSERT_TRUE(t.busyMatchModel);
       ASSERT_TRUE(t.accountsForCommitted);
     }
   }
-  for (const auto& [p, live] : model.blocks) {
-    ASSERT_TRUE(filled_with(p, live.size, live.fill));
+  for (const auto& [p, live] : model) {
+    ASSERT_TRUE(filled_with(p, live.first, live.second));
     ASSERT_TRUE(kvos::region_heap_free(h, p));
   }
-  ASSERT_TRUE(kvos::region_heap_validate(h));
   EXPECT_EQ(walk(h).busy, 0u);
   kvos::region_heap_compact(h);
   ASSERT_TRUE(kvos::region_heap_validate(h));
@@ -154,22 +123,19 @@ void random_sequence(region_heap h, unsigned steps, size_t maxSize, unsigned sta
   EXPECT_EQ(t.freeBlocks, 1u) << "after compacting, everything is one free block again";
 }
 
-// First address of the reservation, the range test's base.
-char* region_base(region_heap h) {
+char* alloc(region_heap h, size_t n) { return static_cast<char*>(kvos::region_heap_alloc(h, n)); }
+
+// The committed size of a heap's first region.
+size_t committed(region_heap h) {
   heap_entry e;
-  EXPECT_TRUE(kvos::region_heap_walk(h, &e));
-  return static_cast<char*>(e.lpData);
+  return kvos::region_heap_walk(h, &e) ? e.Region.dwCommittedSize : 0;
 }
 
 class RegionHeap : public ::testing::Test {
  protected:
   void TearDown() override {
-    if (fixed) {
-      EXPECT_TRUE(kvos::region_heap_destroy(fixed));
-    }
-    if (growable) {
-      EXPECT_TRUE(kvos::region_heap_destroy(growable));
-    }
+    EXPECT_TRUE(kvos::region_heap_destroy(fixed));
+    EXPECT_TRUE(kvos::region_heap_destroy(growable));
   }
   region_heap fixed = kvos::region_heap_create(64 << 20);
   region_heap growable = kvos::region_heap_create(0);
@@ -183,9 +149,9 @@ TEST_F(RegionHeap, RandomSequencesAgreeWithTheModel) {
 }
 
 TEST_F(RegionHeap, FixedHeapIsOneReservedRange) {
-  char* base = region_base(fixed);
   heap_entry e;
   ASSERT_TRUE(kvos::region_heap_walk(fixed, &e));
+  char* const base = static_cast<char*>(e.lpData);  // the first address of the reservation
   EXPECT_EQ(e.Region.dwCommittedSize + e.Region.dwUnCommittedSize, size_t(64) << 20);
   const size_t committed = e.Region.dwCommittedSize;
   EXPECT_LT(committed, size_t(1) << 20) << "pages are committed as needed, not up front";
@@ -206,16 +172,11 @@ TEST_F(RegionHeap, FixedHeapIsOneReservedRange) {
   }
   EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_not_enough_memory);
   EXPECT_GE(blocks.size(), 62u) << "nearly the whole reservation is usable";
-  void* small = kvos::region_heap_alloc(fixed, 1000);
-  EXPECT_NE(small, nullptr) << "the space left after the last megabyte still serves small blocks";
-  for (void* p : blocks) EXPECT_TRUE(kvos::region_heap_free(fixed, p));
-  EXPECT_TRUE(kvos::region_heap_free(fixed, small));
+  EXPECT_NE(alloc(fixed, 1000), nullptr) << "the space left after the last megabyte still serves small blocks";
 }
 
 TEST_F(RegionHeap, BadFreesFailCleanly) {
-  char* a = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
-  char* b = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
-  char* c = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
+  char *a = alloc(fixed, 100), *b = alloc(fixed, 100), *c = alloc(fixed, 100);
   std::memset(b, 0x5A, 100);
   std::memcpy(b + 32, b - 16, 16);  // a forged header inside a block's data is not taken for a block
   int local = 0;
@@ -253,9 +214,7 @@ void expect_damage_found(region_heap h, char* first, int count) {
 
 TEST_F(RegionHeap, ValidateFindsDamagedHeadersAndLinks) {
   // Blocks too large for the lookaside lists: a free goes to the free lists.
-  char* a = static_cast<char*>(kvos::region_heap_alloc(fixed, 2000));
-  char* b = static_cast<char*>(kvos::region_heap_alloc(fixed, 2000));
-  char* c = static_cast<char*>(kvos::region_heap_alloc(fixed, 2000));
+  char *a = alloc(fixed, 2000), *b = alloc(fixed, 2000), *c = alloc(fixed, 2000);
   ASSERT_TRUE(kvos::region_heap_free(fixed, b));
   expect_damage_found(fixed, b - 16, 32);  // the header after a, and the free links in b's data
 
@@ -267,24 +226,21 @@ TEST_F(RegionHeap, ValidateFindsDamagedHeadersAndLinks) {
   EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_invalid_data);
   std::memcpy(c - 16, saved, sizeof saved);
   EXPECT_TRUE(kvos::region_heap_free(fixed, a));
-  EXPECT_TRUE(kvos::region_heap_free(fixed, c));
 
   // A small block on its lookaside list: its header and its link are checked too.
-  char* small = static_cast<char*>(kvos::region_heap_alloc(fixed, 40));
-  char* guard = static_cast<char*>(kvos::region_heap_alloc(fixed, 40));
+  char* small = alloc(fixed, 40);
+  alloc(fixed, 40);
   ASSERT_TRUE(kvos::region_heap_free(fixed, small));
   expect_damage_found(fixed, small - 16, 24);
-  EXPECT_TRUE(kvos::region_heap_free(fixed, guard));
 }
 
 TEST_F(RegionHeap, SmallBlocksComeBackFromTheLookasideLists) {
-  char* a = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
-  char* fence = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
+  char *a = alloc(fixed, 100), *fence = alloc(fixed, 100);
   std::memset(a, 0x33, 100);
   ASSERT_TRUE(kvos::region_heap_free(fixed, a));
   EXPECT_FALSE(kvos::region_heap_free(fixed, a)) << "a second free of a cached block";
   EXPECT_EQ(walk(fixed).busy, 1u) << "a cached block walks as free";
-  char* again = static_cast<char*>(kvos::region_heap_alloc(fixed, 98));
+  char* again = alloc(fixed, 98);
   EXPECT_EQ(again, a) << "a request of the same block size reuses it";
   EXPECT_TRUE(filled_with(again, 98, 0)) << "and gets it zeroed";
   ASSERT_TRUE(kvos::region_heap_free(fixed, again));
@@ -305,28 +261,25 @@ TEST_F(RegionHeap, SmallBlocksComeBackFromTheLookasideLists) {
 
 // Contents kept and growth zeroed are checked by the model run; these are the placements.
 TEST_F(RegionHeap, ReallocationGrowsInPlaceWhenItCanAndFailsWithoutLoss) {
-  char* a = static_cast<char*>(kvos::region_heap_alloc(fixed, 100));
+  char* a = alloc(fixed, 100);
   std::memset(a, 7, 100);
   EXPECT_EQ(kvos::region_heap_realloc(fixed, a, 5000), a) << "the free space after a is taken in place";
   EXPECT_EQ(kvos::region_heap_realloc(fixed, a, 10), a);
   EXPECT_EQ(kvos::region_heap_realloc(fixed, a, 60), a);
   EXPECT_TRUE(filled_with(a + 10, 50, 0)) << "bytes past the shrunk size come back as zero";
-  char* blocker = static_cast<char*>(kvos::region_heap_alloc(fixed, 16));
+  alloc(fixed, 16);  // a's space can no longer grow
   char* moved = static_cast<char*>(kvos::region_heap_realloc(fixed, a, 100000));
   ASSERT_NE(moved, nullptr);
   EXPECT_TRUE(filled_with(moved, 10, 7));
   EXPECT_EQ(kvos::region_heap_realloc(fixed, moved, size_t(100) << 20), nullptr) << "larger than the heap";
   EXPECT_EQ(kvos::heap_last_error(), kvos::heap_error_not_enough_memory);
   EXPECT_EQ(kvos::region_heap_size(fixed, moved), 100000u) << "the block is left as it was";
-  EXPECT_TRUE(kvos::region_heap_free(fixed, moved));
-  EXPECT_TRUE(kvos::region_heap_free(fixed, blocker));
 }
 
 TEST_F(RegionHeap, CompactGivesPagesBackAndGrowableHeapsShrink) {
   const size_t big = 8 << 20;
-  char* keepFront = static_cast<char*>(kvos::region_heap_alloc(fixed, 64));
-  char* large = static_cast<char*>(kvos::region_heap_alloc(fixed, big));
-  char* keepBack = static_cast<char*>(kvos::region_heap_alloc(fixed, 64));
+  alloc(fixed, 64);
+  char *large = alloc(fixed, big), *keepBack = alloc(fixed, 64);
   std::memset(large, 1, big);
   char* probe = large + big / 2;
   EXPECT_TRUE(kvtest::page_resident(probe));
@@ -335,19 +288,13 @@ TEST_F(RegionHeap, CompactGivesPagesBackAndGrowableHeapsShrink) {
   EXPECT_FALSE(kvtest::page_resident(probe)) << "pages of a large free block are given back";
 
   // Freeing the tail lets the committed size fall back.
-  heap_entry e;
-  ASSERT_TRUE(kvos::region_heap_walk(fixed, &e));
-  const size_t committedBefore = e.Region.dwCommittedSize;
+  const size_t committedBefore = committed(fixed);
   ASSERT_TRUE(kvos::region_heap_free(fixed, keepBack));
   kvos::region_heap_compact(fixed);
-  heap_entry e2;
-  ASSERT_TRUE(kvos::region_heap_walk(fixed, &e2));
-  EXPECT_LT(e2.Region.dwCommittedSize, committedBefore / 2);
-  char* reuse = static_cast<char*>(kvos::region_heap_alloc(fixed, big));
+  EXPECT_LT(committed(fixed), committedBefore / 2);
+  char* reuse = alloc(fixed, big);
   ASSERT_NE(reuse, nullptr);
   EXPECT_TRUE(filled_with(reuse, big, 0)) << "recommitted and released pages read as zero";
-  EXPECT_TRUE(kvos::region_heap_free(fixed, reuse));
-  EXPECT_TRUE(kvos::region_heap_free(fixed, keepFront));
 
   // A growable heap chains segments and drops the empty ones when compacted.
   std::vector<void*> blocks;
@@ -356,7 +303,7 @@ TEST_F(RegionHeap, CompactGivesPagesBackAndGrowableHeapsShrink) {
   for (void* p : blocks) EXPECT_TRUE(kvos::region_heap_free(growable, p));
   kvos::region_heap_compact(growable);
   EXPECT_EQ(walk(growable).regions, 1u);
-  void* huge = kvos::region_heap_alloc(growable, 50 << 20);
+  void* huge = alloc(growable, 50 << 20);
   EXPECT_NE(huge, nullptr) << "a block larger than any segment gets a segment of its own";
   EXPECT_TRUE(kvos::region_heap_free(growable, huge));
 }

@@ -12,12 +12,10 @@
 
 #include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
+#include <set>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 #include "KVRS232.h"
@@ -30,10 +28,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr int kMax = KVRS232_MAXDWORD;
 
-double ms_since(Clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
+double ms_since(Clock::time_point t) { return std::chrono::duration<double, std::milli>(Clock::now() - t).count(); }
 
+// Every byte value, in an order that differs with step.
 std::string pattern(size_t size, unsigned step) {
   std::string bytes(size, '\0');
   for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * step + (i >> 8)) & 0xFF);
@@ -85,21 +82,20 @@ struct PtyPort {
 // own descriptor of the terminal side (to look at its settings) and drives
 // the master side.
 struct PtyPort {
-  int master = -1;
-  int terminal = -1;
+  int master = -1, terminal = -1;
   void* handle = nullptr;
   int opened = KVRS232_ERR_HANDLE;
 
-  explicit PtyPort(int port = 9) {
+  PtyPort() {
     char name[128];
     if (openpty(&master, &terminal, name, nullptr, nullptr) != 0) return;
-    setenv("KVCORE_SERIAL", (std::to_string(port) + "=" + name).c_str(), 1);
-    opened = Rs232if.CommOpen(&handle, port);
+    setenv("KVCORE_SERIAL", ("9=" + std::string(name)).c_str(), 1);
+    opened = Rs232if.CommOpen(&handle, 9);
   }
   ~PtyPort() {
     if (handle != nullptr) Rs232if.CommClose(&handle);
     close_far_end();
-    if (terminal >= 0) close(terminal);
+    close(terminal);
   }
   void close_far_end() {
     if (master >= 0) close(master);
@@ -136,21 +132,21 @@ struct PtyPort {
   }
   int write(const std::string& bytes, size_t* sent = nullptr) const {
     size_t done = 0;
-    const int status =
-        Rs232if.CommIo(handle, KVRS232_IO_WRITE, const_cast<char*>(bytes.data()), bytes.size(), &done);
-    if (sent != nullptr) *sent = done;
-    return status;
+    return Rs232if.CommIo(handle, KVRS232_IO_WRITE, const_cast<char*>(bytes.data()), bytes.size(), sent ? sent : &done);
   }
   // Writes (30 ms write time-out) until the line takes no more; the count written.
   size_t fill() const {
     Rs232if.CommSetWriteTimeout(handle, 0, 30);
     size_t total = 0, sent = 0;
-    do {
-      write(std::string(65536, 'f'), &sent);
-      total += sent;
-    } while (sent == 65536);
+    for (sent = 65536; sent == 65536; total += sent) write(std::string(65536, 'f'), &sent);
     return total;
   }
+};
+
+class SerialPort : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(pty.opened, KVRS232_OK); }
+  PtyPort pty;
 };
 
 // A timed scenario returns its elapsed milliseconds. The lower bound is held
@@ -168,60 +164,41 @@ void expect_timing(const std::string& what, double expected, const std::function
 
 }  // namespace
 
-TEST(SerialPort, LineSettingsReachTheTerminalAndBadOnesAreRefused) {
+TEST_F(SerialPort, LineSettingsReachTheTerminalAndBadOnesAreRefused) {
   KVTEST_POSIX_ONLY("the settings are read back from the pseudo-terminal");
 #if !defined(_WIN32)
-  PtyPort pty;
-  ASSERT_EQ(pty.opened, KVRS232_OK);
   termios t{};
   ASSERT_EQ(tcgetattr(pty.terminal, &t), 0);
   EXPECT_EQ(t.c_lflag & (ICANON | ECHO), 0u) << "opened raw";
   // A pseudo-terminal forces 8 data bits without parity (CSIZE, PARENB); the
   // speed and the other framing bits are kept, so those are what is checked.
+  // Refused settings (status not OK) leave the line as the last row set it.
   const tcflag_t mask = PARODD | CMSPAR | CSTOPB;
-  struct Row {
-    int baud, bits, parity, stop;
-    speed_t speed;
-    tcflag_t flags;
-  } rows[] = {{9600, 8, KVRS232_NOPARITY, KVRS232_ONESTOPBIT, B9600, 0},
-              {115200, 7, KVRS232_EVENPARITY, KVRS232_TWOSTOPBITS, B115200, CSTOPB},
-              {300, 5, KVRS232_ODDPARITY, KVRS232_ONE5STOPBITS, B300, PARODD | CSTOPB},
-              {4000000, 6, KVRS232_MARKPARITY, KVRS232_ONESTOPBIT, B4000000, PARODD | CMSPAR},
-              {50, 8, KVRS232_SPACEPARITY, KVRS232_ONESTOPBIT, B50, CMSPAR}};
+  struct Row { int baud, bits, parity, stop, status; speed_t speed; tcflag_t flags; };
+  const Row rows[] = {
+      {9600, 8, KVRS232_NOPARITY, KVRS232_ONESTOPBIT, KVRS232_OK, B9600, 0},
+      {115200, 7, KVRS232_EVENPARITY, KVRS232_TWOSTOPBITS, KVRS232_OK, B115200, CSTOPB},
+      {300, 5, KVRS232_ODDPARITY, KVRS232_ONE5STOPBITS, KVRS232_OK, B300, PARODD | CSTOPB},
+      {4000000, 6, KVRS232_MARKPARITY, KVRS232_ONESTOPBIT, KVRS232_OK, B4000000, PARODD | CMSPAR},
+      {50, 8, KVRS232_SPACEPARITY, KVRS232_ONESTOPBIT, KVRS232_OK, B50, CMSPAR},
+      {12345, 8, 0, 0, KVRS232_ERR_BAUD, B50, CMSPAR},
+      {0, 8, 0, 0, KVRS232_ERR_BAUD, B50, CMSPAR},
+      {9600, 9, 0, 0, KVRS232_ERR_DATA_BITS, B50, CMSPAR},
+      {9600, 4, 0, 0, KVRS232_ERR_DATA_BITS, B50, CMSPAR},
+      {9600, 8, 5, 0, KVRS232_ERR_PARITY, B50, CMSPAR},
+      {9600, 8, 0, 3, KVRS232_ERR_STOP_BITS, B50, CMSPAR},
+      {9600, 8, 0, KVRS232_ONE5STOPBITS, KVRS232_ERR_STOP_BITS, B50, CMSPAR}};
   for (const Row& row : rows) {
-    EXPECT_EQ(Rs232if.CommInit(pty.handle, row.baud, row.bits, row.parity, row.stop), KVRS232_OK) << row.baud;
+    SCOPED_TRACE(std::to_string(row.baud) + " " + std::to_string(row.bits) + " " + std::to_string(row.stop));
+    EXPECT_EQ(Rs232if.CommInit(pty.handle, row.baud, row.bits, row.parity, row.stop), row.status);
     ASSERT_EQ(tcgetattr(pty.terminal, &t), 0);
-    EXPECT_EQ(cfgetospeed(&t), row.speed) << row.baud;
-    EXPECT_EQ(t.c_cflag & mask, row.flags) << row.baud;
-  }
-  // Refused settings leave the line as the last row set it.
-  const int refused[][5] = {{12345, 8, 0, 0, KVRS232_ERR_BAUD},      {0, 8, 0, 0, KVRS232_ERR_BAUD},
-                            {9600, 9, 0, 0, KVRS232_ERR_DATA_BITS},  {9600, 4, 0, 0, KVRS232_ERR_DATA_BITS},
-                            {9600, 8, 5, 0, KVRS232_ERR_PARITY},     {9600, 8, 0, 3, KVRS232_ERR_STOP_BITS},
-                            {9600, 8, 0, KVRS232_ONE5STOPBITS, KVRS232_ERR_STOP_BITS}};
-  for (const auto& r : refused) {
-    EXPECT_EQ(Rs232if.CommInit(pty.handle, r[0], r[1], r[2], r[3]), r[4]) << r[0] << " " << r[1] << " " << r[3];
-    ASSERT_EQ(tcgetattr(pty.terminal, &t), 0);
-    EXPECT_EQ(cfgetospeed(&t), speed_t{B50});
-    EXPECT_EQ(t.c_cflag & mask, tcflag_t{CMSPAR});
+    EXPECT_EQ(cfgetospeed(&t), row.speed);
+    EXPECT_EQ(t.c_cflag & mask, row.flags);
   }
 #endif
 }
 
-TEST(SerialPort, EveryByteValuePassesUnchangedBothWays) {
-  PtyPort pty;
-  ASSERT_EQ(pty.opened, KVRS232_OK);
-  ASSERT_EQ(Rs232if.CommSetReadTimeout(pty.handle, 0, 0, 1000), KVRS232_OK);
-  const std::string all = pattern(256, 1) + "\r\n\x03\x11\x13\x7f\r";
-  ASSERT_EQ(pty.write(all), KVRS232_OK);
-  EXPECT_EQ(pty.receive(all.size(), 1000), all);
-  pty.send(all);
-  std::string got;
-  EXPECT_EQ(pty.read(got, all.size()), KVRS232_OK);
-  EXPECT_EQ(got, all);
-}
-
-TEST(SerialPort, ReadTimeoutsEndReadsAsOnWindows) {
+TEST_F(SerialPort, ReadTimeoutsEndReadsAsOnWindows) {
   struct Row {
     const char* name;
     int interval, multiplier, constant;
@@ -229,7 +206,8 @@ TEST(SerialPort, ReadTimeoutsEndReadsAsOnWindows) {
     std::vector<std::pair<int, size_t>> arrivals;  // (ms, count); at -1 already there
     size_t expectCount;
     double expectMs;
-  } rows[] = {
+  };
+  const Row rows[] = {
       {"at once with what is there", kMax, 0, 0, 100, {{-1, 3}}, 3, 0},
       {"at once with nothing", kMax, 0, 0, 100, {}, 0, 0},
       {"total: multiplier x length + constant", 0, 2, 40, 10, {{-1, 4}}, 4, 60},
@@ -240,8 +218,6 @@ TEST(SerialPort, ReadTimeoutsEndReadsAsOnWindows) {
       {"first byte never comes", kMax, kMax, 60, 10, {}, 0, 60},
       {"no time-outs: every byte", 0, 0, 0, 6, {{20, 3}, {60, 3}}, 6, 60},
   };
-  PtyPort pty;
-  ASSERT_EQ(pty.opened, KVRS232_OK);
   for (const Row& row : rows) {
     ASSERT_EQ(Rs232if.CommSetReadTimeout(pty.handle, row.interval, row.multiplier, row.constant), KVRS232_OK);
     expect_timing(row.name, row.expectMs, [&] {
@@ -267,9 +243,7 @@ TEST(SerialPort, ReadTimeoutsEndReadsAsOnWindows) {
   }
 }
 
-TEST(SerialPort, WriteTimeoutEndsAWriteTheLineCannotTake) {
-  PtyPort pty;
-  ASSERT_EQ(pty.opened, KVRS232_OK);
+TEST_F(SerialPort, WriteTimeoutEndsAWriteTheLineCannotTake) {
   const std::string big(1 << 20, 'w');
   // (multiplier, constant, length, expected ms); the first fills the line for the second.
   const std::tuple<int, int, size_t, double> rows[] = {{0, 50, big.size(), 50}, {2, 20, 10, 40}};
@@ -285,25 +259,23 @@ TEST(SerialPort, WriteTimeoutEndsAWriteTheLineCannotTake) {
   }
 }
 
-TEST(SerialPort, FlushDiscardsBothDirections) {
-  PtyPort pty;
-  ASSERT_EQ(pty.opened, KVRS232_OK);
+TEST_F(SerialPort, FlushDiscardsBothDirections) {
   pty.send("unread");
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   const size_t written = pty.fill();
   ASSERT_GT(written, 4096u);
   ASSERT_EQ(Rs232if.CommFlush(pty.handle), KVRS232_OK);
   ASSERT_EQ(Rs232if.CommSetReadTimeout(pty.handle, kMax, 0, 0), KVRS232_OK);
-  std::string got;
+  std::string got = "?";
   EXPECT_EQ(pty.read(got, 100), KVRS232_OK);
   EXPECT_EQ(got, "");
   // What the far side had already taken in stays there; the rest is gone.
   EXPECT_LT(pty.receive(written, 200).size(), written - 4096);
 }
 
-TEST(SerialPort, AReaderAndAWriterThreadShareOneHandle) {
-  PtyPort pty;
-  ASSERT_EQ(pty.opened, KVRS232_OK);
+// Every byte value passes unchanged both ways (the port is raw), with a
+// reading and a writing thread on the one handle.
+TEST_F(SerialPort, AReaderAndAWriterThreadShareOneHandle) {
   const std::string out = pattern(256 * 1024, 7), in = pattern(256 * 1024, 13);
   std::string farGot, got;
   std::thread farEnd([&] { farGot = pty.receive(out.size(), 20000); });
@@ -320,7 +292,7 @@ TEST(SerialPort, AReaderAndAWriterThreadShareOneHandle) {
   EXPECT_TRUE(farGot == out) << "far end got " << farGot.size() << " bytes";
 }
 
-TEST(SerialPort, CloseEndsAWaitingReadOrWritePromptly) {
+TEST(SerialClose, CloseEndsAWaitingReadOrWritePromptly) {
   for (const int operation : {KVRS232_IO_READ, KVRS232_IO_WRITE}) {
     SCOPED_TRACE(operation == KVRS232_IO_READ ? "read" : "write");
     PtyPort pty;
@@ -351,7 +323,7 @@ TEST(SerialPort, CloseEndsAWaitingReadOrWritePromptly) {
   }
 }
 
-TEST(SerialPort, TheFarEndClosingTurnsEveryCallIntoAnErrorAndRaisesNoSignal) {
+TEST(SerialClose, TheFarEndClosingTurnsEveryCallIntoAnErrorAndRaisesNoSignal) {
   // In a child with the default dispositions, where SIGHUP or SIGPIPE would end it.
   const int status = kvtest::run_in_child([] {
 #if !defined(_WIN32)
@@ -380,17 +352,14 @@ TEST(SerialPort, TheFarEndClosingTurnsEveryCallIntoAnErrorAndRaisesNoSignal) {
       if (calls[i] != KVRS232_ERR_HANGUP) return 10 + i;
     return Rs232if.CommClose(&pty.handle) == KVRS232_OK ? 0 : 3;
   });
-  EXPECT_EQ(kvtest::child_result(status), 0);
+  EXPECT_EQ(kvtest::child_result(status), 0) << "above 1000: ended by that signal plus 1000";
 }
 
-TEST(SerialPort, BadArgumentsGiveAStatusNeverACrash) {
-  PtyPort pty;
-  ASSERT_EQ(pty.opened, KVRS232_OK);
-  void* h = pty.handle;
+TEST_F(SerialPort, BadArgumentsGiveAStatusNeverACrash) {
+  void *h = pty.handle, *none = nullptr;
   char byte = 0;
   size_t moved = 0;
-  int modem = 0;
-  void* none = nullptr;
+  int modem = -1;
   const int nullHandle[] = {
       Rs232if.CommInit(nullptr, 9600, 8, 0, 0), Rs232if.CommIo(nullptr, KVRS232_IO_READ, &byte, 1, &moved),
       Rs232if.CommSetOutLine(nullptr, KVRS232_LINE_DTR, 1), Rs232if.CommGetModemStatus(nullptr, &modem),
@@ -407,7 +376,15 @@ TEST(SerialPort, BadArgumentsGiveAStatusNeverACrash) {
       {Rs232if.CommSetOutLine(h, KVRS232_LINE_RTS, 2), KVRS232_ERR_ARGUMENT},
       {Rs232if.CommGetModemStatus(h, nullptr), KVRS232_ERR_ARGUMENT},
       {Rs232if.CommSetReadTimeout(h, 0, -2, 0), KVRS232_ERR_ARGUMENT},
-      {Rs232if.CommSetWriteTimeout(h, 0, -5), KVRS232_ERR_ARGUMENT}};
+      {Rs232if.CommSetWriteTimeout(h, 0, -5), KVRS232_ERR_ARGUMENT},
+      // A pseudo-terminal carries no modem lines: DTR, RTS and the modem-status
+      // word are refused as unsupported (their texts are checked below); a break works.
+      {Rs232if.CommSetOutLine(h, KVRS232_LINE_DTR, 1), KVRS232_ERR_NOT_SUPPORTED},
+      {Rs232if.CommSetOutLine(h, KVRS232_LINE_RTS, 0), KVRS232_ERR_NOT_SUPPORTED},
+      {Rs232if.CommGetModemStatus(h, &modem), KVRS232_ERR_NOT_SUPPORTED},
+      {modem, 0},
+      {Rs232if.CommSetOutLine(h, KVRS232_LINE_BREAK, 1), KVRS232_OK},
+      {Rs232if.CommSetOutLine(h, KVRS232_LINE_BREAK, 0), KVRS232_OK}};
   for (size_t i = 0; i < std::size(badValues); ++i) EXPECT_EQ(badValues[i].first, badValues[i].second) << "row " << i;
   // Refused opens leave no handle behind.
   const std::string null = kvtest::kNullDevice;
@@ -425,31 +402,20 @@ TEST(SerialPort, BadArgumentsGiveAStatusNeverACrash) {
   }
 }
 
-TEST(SerialPort, ModemLinesAreCheckedForTheirStatusTextsOnly) {
-  // A pseudo-terminal carries no modem lines: DTR, RTS and the modem-status
-  // word are refused as unsupported, so only the statuses and texts are checked.
-  PtyPort pty;
-  ASSERT_EQ(pty.opened, KVRS232_OK);
-  int modem = -1;
-  EXPECT_EQ(Rs232if.CommSetOutLine(pty.handle, KVRS232_LINE_DTR, 1), KVRS232_ERR_NOT_SUPPORTED);
-  EXPECT_EQ(Rs232if.CommSetOutLine(pty.handle, KVRS232_LINE_RTS, 0), KVRS232_ERR_NOT_SUPPORTED);
-  EXPECT_EQ(Rs232if.CommGetModemStatus(pty.handle, &modem), KVRS232_ERR_NOT_SUPPORTED);
-  EXPECT_EQ(modem, 0);
-  EXPECT_EQ(Rs232if.CommSetOutLine(pty.handle, KVRS232_LINE_BREAK, 1), KVRS232_OK);
-  EXPECT_EQ(Rs232if.CommSetOutLine(pty.handle, KVRS232_LINE_BREAK, 0), KVRS232_OK);
+// Modem lines, which a pseudo-terminal does not carry, are tested for their
+// statuses (above) and status texts only.
+TEST(SerialPorts, EveryStatusHasATextOfItsOwn) {
   const std::pair<int, const char*> texts[] = {
       {KVRS232_OK, "success"}, {KVRS232_ERR_NOT_SUPPORTED, "the device has no such line"},
       {KVRS232_ERR_HANGUP, "the line was hung up"}, {KVRS232_ERR_MODULE, "module not available"},
       {42, "unknown status"}};
   for (const auto& [status, text] : texts) EXPECT_STREQ(Rs232if.StatusText(status), text);
-  std::vector<std::string> seen;
-  for (int status = KVRS232_ERR_RESOURCES; status <= KVRS232_OK; ++status) seen.push_back(KvRS232StatusText(status));
-  std::sort(seen.begin(), seen.end());
-  EXPECT_EQ(std::unique(seen.begin(), seen.end()), seen.end()) << "every status has a text of its own";
-  EXPECT_EQ(std::find(seen.begin(), seen.end(), "unknown status"), seen.end());
+  std::set<std::string> seen = {"unknown status"};
+  for (int status = KVRS232_ERR_RESOURCES; status <= KVRS232_OK; ++status) seen.insert(KvRS232StatusText(status));
+  EXPECT_EQ(seen.size(), 19u) << "every status has a text of its own";
 }
 
-TEST(SerialPort, PortsMapThroughKvcoreSerialOrDefaultToTtyS) {
+TEST(SerialPorts, PortsMapThroughKvcoreSerialOrDefaultToTtyS) {
   setenv("KVCORE_SERIAL", " 3=/dev/a ; 12 = /dev/b c;x=/dev/c;0=/dev/d;5=;6", 1);
   // Without an entry: the system's own device of the port.
   const auto system = [](int port) {
@@ -475,19 +441,18 @@ TEST(SerialPort, PortsMapThroughKvcoreSerialOrDefaultToTtyS) {
   EXPECT_EQ(listed, expected);
 }
 
-TEST(SerialPort, PythonSerialOnTheFarEndExchangesA64KiBPattern) {
+TEST(SerialPorts, PythonSerialOnTheFarEndExchangesA64KiBPattern) {
   KVTEST_POSIX_ONLY("python3-serial runs on the build machine, not under Wine");
 #if !defined(_WIN32)
-  void* cable = nullptr;
-  ASSERT_EQ(KvRS232NullModemOpen(&cable, 41, 42), KVRS232_OK);
+  void *cable = nullptr, *port = nullptr;
   char far[128];
+  ASSERT_EQ(KvRS232NullModemOpen(&cable, 41, 42), KVRS232_OK);
   ASSERT_EQ(KvRS232PortDevice(42, far, sizeof far), KVRS232_OK);
-  void* port = nullptr;
   ASSERT_EQ(Rs232if.CommOpen(&port, 41), KVRS232_OK);
   ASSERT_EQ(Rs232if.CommSetReadTimeout(port, 0, 0, 20000), KVRS232_OK);
+  // Debian's python3-serial belongs to the system's interpreter.
   const char* source = std::getenv("KV_TEST_SOURCE_DIR");
   ASSERT_NE(source, nullptr);
-  // Debian's python3-serial belongs to the system's interpreter.
   const std::string command = std::string("/usr/bin/python3 ") + source + "/tests/serial_peer.py " + far;
   FILE* peer = popen(command.c_str(), "r");
   ASSERT_NE(peer, nullptr);
@@ -509,17 +474,13 @@ TEST(SerialPort, PythonSerialOnTheFarEndExchangesA64KiBPattern) {
 #endif
 }
 
-TEST(ModuleLoader, LoadsAModuleByNameFindsItsSymbolsAndUnloadsIt) {
-  const std::string name = kvos::module_file_name("KVRS232");
-  EXPECT_EQ(name, kvtest::kWindows ? "KVRS232.dll" : "libKVRS232.so");
-  const std::string beside = kvos::module_directory(&Rs232if);
-  ASSERT_FALSE(beside.empty());
+// Beyond the serial line manager's own loading: the search directories in
+// turn, a missing symbol, and names that are not found.
+TEST(ModuleLoader, SearchesTheDirectoriesInTurnAndNamesWhatIsMissing) {
+  const std::string name = kvos::module_file_name("KVRS232"), beside = kvos::module_directory(&Rs232if);
   std::string error;
   void* module = kvos::module_load(name, {"/no/such/dir", beside}, &error);
   ASSERT_NE(module, nullptr) << error;
-  auto text = reinterpret_cast<const char* (*)(int)>(kvos::module_symbol(module, "KvRS232StatusText"));
-  ASSERT_NE(text, nullptr);
-  EXPECT_STREQ(text(KVRS232_ERR_CLOSED), "the handle was closed");
   EXPECT_EQ(kvos::module_symbol(module, "KvRS232NoSuchFunction"), nullptr);
   kvos::module_unload(module);
   // A directory part is taken as given, not searched for the file name.

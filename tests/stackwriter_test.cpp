@@ -67,14 +67,13 @@ __attribute__((noinline)) void stack_broken(uint64_t badFrame, std::string* repo
 namespace {
 
 template <typename Function>
-uint64_t address_of(Function* function) {
-  return reinterpret_cast<uint64_t>(function);
-}
+uint64_t address_of(Function* function) { return reinterpret_cast<uint64_t>(function); }
 
 // The functions of the map that kvtool wrote beside this program, by address.
 std::map<uint64_t, std::string> map_functions() {
   std::map<uint64_t, std::string> functions;
-  std::istringstream lines(kvtest::read_file(std::filesystem::path(kvos::executable_path()).replace_extension(".map").string()));
+  const std::filesystem::path map = std::filesystem::path(kvos::executable_path()).replace_extension(".map");
+  std::istringstream lines(kvtest::read_file(map.string()));
   for (std::string line; std::getline(lines, line);) {
     char name[512];
     unsigned long long address = 0;
@@ -98,23 +97,10 @@ std::string chain_dump(const char* failure) {
 
 // The frame lines of a report ("0012FF34 name+1C"), without their line ends.
 std::vector<std::string> frame_lines(const std::string& report) {
-  static const std::regex frame(R"([0-9A-F]{8} \S+)");
+  static const std::regex frame(R"((?:^|\n)([0-9A-F]{8} \S+)\r?(?=\n|$))");
   std::vector<std::string> lines;
-  for (size_t begin = 0; begin < report.size();) {
-    size_t end = report.find('\n', begin);
-    if (end == std::string::npos) end = report.size();
-    std::string line = report.substr(begin, end - begin);
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    if (std::regex_match(line, frame)) lines.push_back(line);
-    begin = end + 1;
-  }
+  for (std::sregex_iterator it(report.begin(), report.end(), frame), end; it != end; ++it) lines.push_back((*it)[1]);
   return lines;
-}
-
-std::string trailer(uint32_t value) {
-  char text[40];
-  std::snprintf(text, sizeof text, "\r\n@DumpSize: %08X\r\n", value);
-  return text;
 }
 
 class StackWriterTest : public ::testing::Test {
@@ -138,12 +124,9 @@ class StackWriterTest : public ::testing::Test {
 };
 
 TEST_F(StackWriterTest, KnownChainIsNamedThroughTheMapOrLeftRaw) {
-  struct Case {
-    const char* label;
-    const char* mapFile;  // "" for the map beside the executable
-    const char* anchor;
-    bool named;
-  } cases[] = {
+  // mapFile: "" for the map beside the executable
+  struct Case { const char* label; const char* mapFile; const char* anchor; bool named; };
+  const Case cases[] = {
       {"map written by kvtool mapfile", "", "stack_test_anchor", true},
       {"no map file", "missing.map", "stack_test_anchor", false},
       {"map without the anchor", "", "no_such_anchor", false},
@@ -198,29 +181,29 @@ TEST_F(StackWriterTest, KnownChainIsNamedThroughTheMapOrLeftRaw) {
   EXPECT_EQ(messages.find("failed to return complete dump information"), std::string::npos);
 }
 
-TEST_F(StackWriterTest, ChainDeeperThanTheNestingDepthIsCut) {
-  std::string report;
-  stack_deep(120, &report);
-  const std::vector<std::string> frames = frame_lines(report);
-  ASSERT_EQ(frames.size(), static_cast<size_t>(CStackWriter::NESTING_DEPTH));
-  for (const std::string& frame : frames) EXPECT_EQ(frame.substr(9, 11), "stack_deep+") << frame;
-  const std::string cut = "CStackWriter - Dump terminated: nesting too deep\r\n";
-  EXPECT_EQ(report.substr(report.size() - cut.size()), cut);
-}
-
-TEST_F(StackWriterTest, BrokenChainEndsAtTheFailedRead) {
-  KVTEST_POSIX_ONLY("the Windows walk follows the frames the unwinder recorded, not saved frame pointers");
-  std::string report;
-  stack_broken(0xDEAD0000BEE0u, &report);
-  const std::vector<std::string> frames = frame_lines(report);
-  ASSERT_EQ(frames.size(), 2u) << report;
-  EXPECT_EQ(frames[0].substr(9, 13), "stack_broken+");
-  const std::string messages = sink.text();
-  EXPECT_NE(messages.find("CStackWriter::ReadMemoryAtAddress - default exception caught\n"
-                          "CStackWriter::ReadMemoryAtAddress - pBaseAddress: DEAD0000BEE8\n"),
-            std::string::npos)
-      << messages;
-  EXPECT_EQ(report.find("nesting too deep"), std::string::npos);
+// A chain deeper than the nesting depth is cut after NESTING_DEPTH frames; a
+// broken chain ends at the read that failed (frame + 8), with two messages.
+TEST_F(StackWriterTest, DeepAndBrokenChainsEndCleanly) {
+  const std::string cut = "CStackWriter - Dump terminated: nesting too deep\r\n",
+                    failed = "CStackWriter::ReadMemoryAtAddress - default exception caught\n"
+                             "CStackWriter::ReadMemoryAtAddress - pBaseAddress: DEAD0000BEE8\n";
+  // (dump, frames, frames in the dumping function, cut for depth)
+  const std::tuple<std::function<void(std::string*)>, size_t, const char*, int, bool> cases[] = {
+      {[](std::string* r) { stack_deep(120, r); }, CStackWriter::NESTING_DEPTH, "stack_deep+", 100, true},
+      {[](std::string* r) { stack_broken(0xDEAD0000BEE0u, r); }, 2, "stack_broken+", 1, false}};
+  for (const auto& [dump, count, name, named, tooDeep] : cases) {
+    // The Windows walk follows the frames the unwinder recorded, not saved frame pointers.
+    if (kvtest::kWindows && !tooDeep) continue;
+    sink.clear();
+    std::string report;
+    dump(&report);
+    const std::vector<std::string> frames = frame_lines(report);
+    EXPECT_EQ(frames.size(), count) << report;
+    EXPECT_EQ(std::count_if(frames.begin(), frames.end(), [&](const std::string& f) { return f.find(name) == 9; }),
+              named);
+    EXPECT_EQ(report.size() > cut.size() && report.substr(report.size() - cut.size()) == cut, tooDeep);
+    EXPECT_EQ(sink.text().find(failed) != std::string::npos, !tooDeep) << sink.text();
+  }
 }
 
 TEST(TranslateRawStackInfo, LooksUpRelocatedSymbols) {
@@ -243,9 +226,9 @@ TEST(TranslateRawStackInfo, LooksUpRelocatedSymbols) {
     const std::string* text;
     const char* anchor;
     int64_t address;
-    const char* raw;
-    const char* expected;
-  } cases[] = {
+    const char *raw, *expected;
+  };
+  const Case cases[] = {
       {"inside a function", &map, "_main", 0x401000, "0012FF34 @00401134\r\n", "0012FF34 _alpha+34\r\n"},
       {"at a function's start", &map, "_main", 0x401000, "0012FF34 @00401100\r\n", "0012FF34 _alpha\r\n"},
       {"a static symbol, sorted in", &map, "_main", 0x401000, "1 @00401090 2 @004010FF", "1 _helper+10 2 _helper+7F"},
@@ -286,21 +269,19 @@ TEST_F(StackWriterTest, TwoDumpsShareDumpTabWithTrailers) {
   int count = 1;
   std::sscanf(tab.c_str(), "Dump continues below (%d):", &count);
   const auto continues = [](int n) { return "Dump continues below (" + std::to_string(n) + "):\r\n"; };
+  const auto trailer = [](uint32_t value) {
+    char text[40];
+    return std::string(text, static_cast<size_t>(std::snprintf(text, sizeof text, "\r\n@DumpSize: %08X\r\n", value)));
+  };
   EXPECT_EQ(tab, (count == 1 ? std::string() : continues(count)) + first + trailer(value1) + continues(count + 1) +
                      second + trailer(value2));
-  if (count == 1) {
-    EXPECT_EQ(value1, at1 + 2);
-  }
+  EXPECT_TRUE(count > 1 || value1 == at1 + 2) << "the first dump's size is where its trailer starts";
 }
 
 TEST_F(StackWriterTest, FailedDumpTabWriteStillReturnsTheReport) {
   kvtest::write_file(dir.file("blocker"), "a file where the directory should be");
-  struct Case {
-    const char* label;
-    std::string directory;
-    bool seekFails;
-    std::string message;
-  } cases[] = {
+  struct Case { const char* label; std::string directory; bool seekFails; std::string message; };
+  const Case cases[] = {
       {"directory cannot hold dump.tab", dosDir + "\\blocker", false,
        "CStackWriter::AppendStackDumpToDumpDotTab() - failed to create file: \n" + dosDir + "\\blocker\\dump.tab\n"},
       {"positioning fails", dosDir, true,

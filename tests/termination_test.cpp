@@ -1,5 +1,5 @@
-// Abnormal termination: handler registration, the once-only run, the alert
-// listener and the whole fatal path in a child process.
+// Abnormal termination: handler registration, the once-only run and the whole
+// fatal path in a child process (the listener is tested with ProcessManager).
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -8,149 +8,84 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "ProcessManager.h"
 #include "TerminationManager.h"
-#include "Zub/Core/AlertManager.h"
 #include "sysman.h"
 #include "test_support.h"
 
 namespace {
 
-struct Handler : CSL::ITerminationHandler {
-  Handler(std::vector<std::string>* log, std::string name, bool throws = false)
-      : log(log), name(std::move(name)), throws(throws) {
-    setHandlerText(this->name);
-  }
-  void HandleTermination() override {
-    log->push_back(name);
-    if (throws) throw std::runtime_error("handler failed");
-  }
-  std::vector<std::string>* log;
-  std::string name;
-  bool throws;
-};
+using Log = std::vector<std::string>;
 
-// Appends its name to a file: what a handler leaves behind for the parent.
-struct FileHandler : CSL::ITerminationHandler {
-  FileHandler(std::string path, std::string name, int failure = 0)
-      : path(std::move(path)), name(std::move(name)), failure(failure) {}
+// Notes its name in a log or, for a parent process to read, in a file; then fails as told.
+struct Handler : CSL::ITerminationHandler {
+  Handler(Log* log, std::string name, int failure = 0, std::string path = "")
+      : log(log), name(std::move(name)), failure(failure), path(std::move(path)) {}
   void HandleTermination() override {
-    std::ofstream(path, std::ios::app) << name << "\n";
-    if (failure == 1) throw 42;
+    if (log != nullptr) log->push_back(name);
+    if (log == nullptr) std::ofstream(path, std::ios::app) << name << "\n";
+    if (failure == 1) throw std::runtime_error("handler failed");
     if (failure == 2) sys_abort("a handler failed fatally");
   }
-  std::string path, name;
+  Log* log;
+  std::string name;
   int failure;
+  std::string path;
 };
 
-TEST(TerminationHandler, TextDefaultsSetsAndCopies) {
-  struct Plain : CSL::ITerminationHandler {
-    void HandleTermination() override {}
-  } plain;
-  EXPECT_STREQ(plain.getHandlerText(), "Unknown ITerminationHandler");
-  plain.setHandlerText("motion stage");
-  Plain copy(plain);
-  EXPECT_STREQ(copy.getHandlerText(), "motion stage");
-  Plain assigned;
-  assigned = plain;
-  EXPECT_STREQ(assigned.getHandlerText(), "motion stage");
-}
-
-TEST(TerminationManager, RegistrationReportsNullsAndDuplicates) {
-  kvtest::CategoryScope csl(dbgCSL);
+TEST(TerminationManager, RegistersOnceAndRunsEveryHandlerInOrderOnceThroughThrowingOnes) {
+  kvtest::CategoryScope csl(dbgCSL), a(dbgA);
   kvtest::CaptureSink sink;
-  std::vector<std::string> log;
-  Handler stage(&log, "stage");
+  Log log;
+  Handler plain(&log, "plain"), stage(&log, "stage"), assigned(&log, "assigned"), broken(&log, "broken", 1);
+  stage.setHandlerText("stage");
+  Handler copy(stage);
+  copy.name = "copy";
+  assigned = stage;
   CSL::CAbnormalTerminationManager manager;
-  EXPECT_EQ(manager.GetNumberOfRegisteredHandlers(), 0);
-
-  manager.Register(nullptr);
-  EXPECT_EQ(sink.text(), "\nAttempt to register a NULL ITerminationHandler.\n");
-  sink.clear();
-  manager.Register(&stage);
-  EXPECT_EQ(sink.text(), "\nCAbnormalTerminationManager - Registering: stage.\n");
-  sink.clear();
-  manager.Register(&stage);
-  EXPECT_EQ(sink.text(),
-            "\nCAbnormalTerminationManager - Registering: stage.\n"
-            "\nAttempt to register the same ITerminationHandler more than once.\n");
-  EXPECT_EQ(manager.GetNumberOfRegisteredHandlers(), 1);
-  ASSERT_FALSE(sink.entries().empty());
-  EXPECT_EQ(sink.entries()[0].logger, "Korvalis.CSL");
-
-  sink.clear();
-  Handler other(&log, "other");
-  manager.UnRegister(&other);
-  EXPECT_EQ(sink.text(), "\nCAbnormalTerminationManager - UnRegistering: other.\n");
-  EXPECT_EQ(manager.GetNumberOfRegisteredHandlers(), 1);
-  sink.clear();
-  manager.UnRegister(nullptr);
-  EXPECT_EQ(sink.text(), "\nAttempt to unregister a NULL ITerminationHandler.\n");
-  manager.UnRegister(&stage);
-  EXPECT_EQ(manager.GetNumberOfRegisteredHandlers(), 0);
-}
-
-TEST(TerminationManager, RunsEveryHandlerInOrderOnceAndSurvivesThrowingOnes) {
-  kvtest::CategoryScope a(dbgA);
-  std::vector<std::string> log;
-  Handler first(&log, "first"), broken(&log, "broken", true), last(&log, "last");
-  CSL::CAbnormalTerminationManager manager;
-  manager.Register(&first);
-  manager.Register(&broken);
-  manager.Register(&last);
-  CSL::CAbnormalTerminationManager copy(manager);  // the list and the flag are copied
-
-  kvtest::CaptureSink sink;
-  manager.HandleAbnormalTermination();
-  EXPECT_EQ(log, (std::vector<std::string>{"first", "broken", "last"}));
-  EXPECT_EQ(sink.text(),
-            "\nCSL: CAbnormalTerminationManager::HandleAbnormalTermination()\n"
-            "\nAn ITerminationHandler threw an exception.\n");
-  EXPECT_EQ(sink.entries()[0].logger, "Korvalis.A");
-
+  const std::string reg = "\nCAbnormalTerminationManager - Registering: ";
+  const std::string unreg = "\nCAbnormalTerminationManager - UnRegistering: ";
+  const std::tuple<bool, CSL::ITerminationHandler*, std::string, int> rows[] = {
+      {true, nullptr, "\nAttempt to register a NULL ITerminationHandler.\n", 0},
+      {true, &plain, reg + "Unknown ITerminationHandler.\n", 1},
+      {true, &stage, reg + "stage.\n", 2},
+      {true, &stage, reg + "stage.\n\nAttempt to register the same ITerminationHandler more than once.\n", 2},
+      {true, &copy, reg + "stage.\n", 3},  // a copy carries the text and is a handler of its own
+      {false, &assigned, unreg + "stage.\n", 3},
+      {false, nullptr, "\nAttempt to unregister a NULL ITerminationHandler.\n", 3},
+      {false, &stage, unreg + "stage.\n", 2},
+      {true, &broken, reg + "Unknown ITerminationHandler.\n", 3},
+      {true, &stage, reg + "stage.\n", 4},
+  };
+  for (const auto& [add, handler, text, count] : rows) {
+    sink.clear();
+    add ? manager.Register(handler) : manager.UnRegister(handler);
+    EXPECT_EQ(sink.text(), text);
+    EXPECT_EQ(manager.GetNumberOfRegisteredHandlers(), count);
+    EXPECT_EQ(sink.entries().at(0).logger, "Korvalis.CSL");
+  }
+  CSL::CAbnormalTerminationManager early(manager);  // the list and the flag are copied
+  const std::string run = "\nCSL: CAbnormalTerminationManager::HandleAbnormalTermination()\n";
   sink.clear();
   manager.HandleAbnormalTermination();
-  EXPECT_EQ(log.size(), 3u) << "no handler runs twice";
+  EXPECT_EQ(log, (Log{"plain", "copy", "broken", "stage"}));
+  EXPECT_EQ(sink.text(), run + "\nAn ITerminationHandler threw an exception.\n");
+  EXPECT_EQ(sink.entries().at(0).logger, "Korvalis.A");
+  sink.clear();
+  manager.HandleAbnormalTermination();
+  EXPECT_EQ(log.size(), 4u) << "no handler runs twice";
   EXPECT_EQ(sink.text(),
-            "\nCSL: CAbnormalTerminationManager::HandleAbnormalTermination()\n"
-            "\nInvalid attempt to re-enter the termination manager HandleAbnormalTermination method.\n");
-
+            run + "\nInvalid attempt to re-enter the termination manager HandleAbnormalTermination method.\n");
   CSL::CAbnormalTerminationManager entered;
   entered = manager;
   log.clear();
   entered.HandleAbnormalTermination();
   EXPECT_TRUE(log.empty()) << "assignment copies the entered flag";
-  copy.HandleAbnormalTermination();
-  EXPECT_EQ(log, (std::vector<std::string>{"first", "broken", "last"})) << "the copy was made before the run";
-}
-
-TEST(TerminationListener, TheFirstUncaughtErrorRunsTheHandlersLaterOnesOnlyComplain) {
-  const int status = kvtest::run_in_child([] {
-    kvtest::CategoryScope a(dbgA);
-    kvtest::CategoryScope csl(dbgCSL);
-    std::vector<std::string> log;
-    Handler handler(&log, "h");
-    ProcessManager::RegisterTerminator(&handler);
-    SystemAlertListener listener;
-    kvtest::CaptureSink sink;
-    listener.UncaughtFatalError();
-    if (log.size() != 1) return 1;
-    if (sink.text() !=
-        "CSL: SystemAlertListener::UncaughtFatalError being processed.\n"
-        "\nCSL: CAbnormalTerminationManager::HandleAbnormalTermination()\n"
-        "CSL: SystemAlertListener::UncaughtFatalError exit.\n")
-      return 2;
-    sink.clear();
-    SystemAlertListener another;  // the once-only flag is the process's, not the listener's
-    another.UncaughtFatalError();
-    if (log.size() != 1) return 3;
-    if (sink.text() != "Error: SystemAlertListener::UncaughtFatalError called more than once.\n") return 4;
-    if (sink.entries()[0].logger != "Korvalis.CSL") return 5;
-    return 0;
-  });
-  EXPECT_EQ(kvtest::child_result(status), 0);
+  early.HandleAbnormalTermination();
+  EXPECT_EQ(log, (Log{"plain", "copy", "broken", "stage"})) << "the copy was made before the run";
 }
 
 // The whole path: an error that nothing catches ends the process after the
@@ -162,7 +97,8 @@ TEST(TerminationFatalPath, AnUncaughtErrorRunsTheHandlersOnceAndEndsTheProcess) 
   const int status = kvtest::run_in_child([&] {
     if (std::freopen(errors.c_str(), "w", stderr) == nullptr) return 1;
     SysManager::Initialize();
-    static FileHandler first(record, "first", 1), second(record, "second", 2), third(record, "third");
+    static Handler first(nullptr, "first", 1, record), second(nullptr, "second", 2, record),
+        third(nullptr, "third", 0, record);
     ProcessManager::RegisterTerminator(&first);
     ProcessManager::RegisterTerminator(&second);
     ProcessManager::RegisterTerminator(&third);
