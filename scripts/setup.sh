@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# Installs the Debian packages listed in scripts/packages.txt that are missing.
+# Installs the Debian packages listed in scripts/packages.txt (and in the
+# further lists named as arguments, e.g. packages-windows.txt) that are missing.
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
-mapfile -t packages < <(grep -vE '^\s*(#|$)' "$here/packages.txt")
+lists=("$here/packages.txt")
+for list in "$@"; do lists+=("$here/$list"); done
+mapfile -t packages < <(cat "${lists[@]}" | grep -vE '^\s*(#|$)')
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -7,12 +7,13 @@
 # Extra CMake arguments pass through; BUILD_DIR chooses the build directory.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+bash scripts/setup.sh packages-windows.txt
 dir="${BUILD_DIR:-build-win}"
 wine="${WINE:-/usr/lib/wine/wine64}"
 wineserver="$(dirname "$wine")/wineserver"
 for tool in x86_64-w64-mingw32-g++-posix "$wine" "$wineserver"; do
   if ! command -v "$tool" >/dev/null; then
-    echo "test-windows: $tool is missing (packages: mingw-w64 g++-mingw-w64-x86-64-posix wine64)" >&2
+    echo "test-windows: $tool is missing (see scripts/packages-windows.txt)" >&2
     exit 1
   fi
 done
