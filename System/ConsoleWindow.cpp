@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
-#include <vector>
 
 #include "kvos/console.h"
+#include "kvtext/text.h"
 
 namespace CSL {
 
@@ -83,16 +83,8 @@ std::string ConsoleWindow::EscapeFormat(const std::string& format) {
 std::string ConsoleWindow::FormatText(const char* format, va_list args) {
   if (format == nullptr) return std::string();
   const std::string escaped = EscapeFormat(format);
-  std::vector<char> buffer;
-  for (size_t size = 4096; size <= 16384; size *= 2) {
-    buffer.assign(size, '\0');
-    va_list copy;
-    va_copy(copy, args);
-    const int needed = std::vsnprintf(buffer.data(), size, escaped.c_str(), copy);
-    va_end(copy);
-    if (needed >= 0 && static_cast<size_t>(needed) < size) break;  // not truncated
-  }
-  return std::string(buffer.data());
+  // At most 16383 characters (the largest buffer is 16384), up to a first NUL.
+  return kvtext::format_string(escaped.c_str(), args, 16383).c_str();
 }
 
 void ConsoleWindow::DisplayMessage(const char* format, ...) {

@@ -1,24 +1,16 @@
 // Tagged coordinates.
 #include "Coord.h"
 
+#include "kvtext/text.h"
+
 const char* const coordTypeTag[6] = {"default", "refCounts", "refMicrons", "userMicrons", "invalid", nullptr};
 
 namespace {
 
-bool same_text_ignoring_case(const char* a, const char* b) {
-  for (;; ++a, ++b) {
-    char ca = *a, cb = *b;
-    if (ca >= 'A' && ca <= 'Z') ca = char(ca - 'A' + 'a');
-    if (cb >= 'A' && cb <= 'Z') cb = char(cb - 'A' + 'a');
-    if (ca != cb) return false;
-    if (ca == '\0') return true;
-  }
-}
-
 coordTypeEnum type_of_tag(const char* tag) {
   if (tag == nullptr) return coordDefault;
   for (int i = 0; coordTypeTag[i] != nullptr; ++i)
-    if (same_text_ignoring_case(tag, coordTypeTag[i])) return static_cast<coordTypeEnum>(i);
+    if (kvtext::equal_ignoring_ascii_case(tag, coordTypeTag[i])) return static_cast<coordTypeEnum>(i);
   return coordDefault;
 }
 

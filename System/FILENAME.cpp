@@ -7,12 +7,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <string_view>
 
 #include "DebugManager.h"
 #include "kvinit.h"
 #include "kvos/drives.h"
 #include "kvos/fileattr.h"
 #include "kvos/module.h"
+#include "kvtext/text.h"
 #include "sysman.h"
 
 namespace {
@@ -20,15 +22,12 @@ namespace {
 constexpr size_t kNameMax = 256;  // a name's base or extension, a directory
 constexpr size_t kPathMax = 260;  // a composed path
 
-constexpr int ascii_lower(int c) { return (c >= 'A' && c <= 'Z') ? c + ('a' - 'A') : c; }
-
 // The legal name characters by byte: name_chars in either case, and 0x80 up.
 constexpr std::array<bool, 256> make_legal() {
   std::array<bool, 256> legal{};
   for (const char* p = filename::name_chars; *p != '\0'; ++p) {
-    const auto c = static_cast<unsigned char>(*p);
-    legal[c] = true;
-    if (c >= 'a' && c <= 'z') legal[c - ('a' - 'A')] = true;
+    legal[static_cast<unsigned char>(*p)] = true;
+    legal[static_cast<unsigned char>(kvtext::ascii_upper(*p))] = true;
   }
   for (int c = 0x80; c < 0x100; ++c) legal[c] = true;
   return legal;
@@ -54,9 +53,8 @@ void copy_limited(char* out, const char* text, size_t max) {
 // A text trimmed as paths are: leading blanks skipped, at most max characters
 // taken, trailing blanks stripped.
 const char* trim(const char* text, size_t max, size_t& length) {
-  while (*text == ' ') ++text;
-  length = strnlen(text, max);
-  while (length > 0 && text[length - 1] == ' ') --length;
+  text += std::strspn(text, " ");
+  length = kvtext::trim_spaces(std::string_view(text, strnlen(text, max))).size();
   return text;
 }
 
@@ -317,7 +315,7 @@ bool wild_match::operator==(const wild_match& other) const {
     const char a = field[i];
     const char b = other.field[i];
     if (a == b || a == '?' || b == '?') continue;
-    if (ascii_lower(static_cast<unsigned char>(a)) != ascii_lower(static_cast<unsigned char>(b))) return false;
+    if (kvtext::ascii_lower(a) != kvtext::ascii_lower(b)) return false;
   }
   return true;
 }
@@ -363,7 +361,7 @@ void dirname::parse(const char* s, size_t n) {
     std::memcpy(work, from, len);
   };
 
-  const int drive = ascii_lower(static_cast<unsigned char>(s[0]));
+  const int drive = static_cast<unsigned char>(kvtext::ascii_lower(s[0]));
   if (n >= 2 && s[1] == ':' && is_drive_char(drive)) {
     if (n == 2 || s[2] != '\\') {
       // Drive-relative ("c:data"): from that drive's working directory, as it stands.
@@ -473,7 +471,7 @@ void dirname::parse(const char* s, size_t n) {
 
 int dirname::drive() const {
   if (text[0] == '\\') return 0;
-  return ascii_lower(static_cast<unsigned char>(text[0]));
+  return static_cast<unsigned char>(kvtext::ascii_lower(text[0]));
 }
 
 bool dirname::is_root() const { return std::strlen(text) == 3; }

@@ -8,10 +8,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string_view>
 
 #include "DebugManager.h"
 #include "TackHand.h"
 #include "kvinit.h"
+#include "kvtext/text.h"
 #include "sysman.h"
 
 namespace {
@@ -22,18 +24,15 @@ constexpr size_t kInlineText = 256;  // longest text kept in the object
 constexpr size_t kFirstBuffer = 4096;
 
 
-// White space as the C library's isspace in the "C" locale.
-inline bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+using kvtext::is_ascii_ws;
 
-// Strips trailing white space of [s, s + n), then skips leading white space.
+// [s, s + n) without its white space, terminated where the trailing white space began.
 inline char* trim(char* s, size_t& n) {
-  while (n > 0 && is_space(s[n - 1])) --n;
-  s[n] = '\0';
-  while (n > 0 && is_space(*s)) {
-    ++s;
-    --n;
-  }
-  return s;
+  const std::string_view kept = kvtext::trim_ascii_ws(std::string_view(s, n));
+  char* const begin = s + (kept.data() - s);
+  n = kept.size();
+  begin[n] = '\0';
+  return begin;
 }
 
 // Walks a tree of lists without recursion: Next() through a list, Descend()
@@ -936,7 +935,7 @@ char* InstrHandle::GetNextLine() {
   if (scan == nullptr) return nullptr;
   char* p = scan;
   for (;;) {
-    while (is_space(*p)) {
+    while (is_ascii_ws(*p)) {
       if (*p == '\n') ++lineNumber;
       ++p;
     }
@@ -963,7 +962,7 @@ char* InstrHandle::GetNextLine() {
 char InstrHandle::PeekNextChar() {
   if (scan == nullptr) return '\0';
   const char* p = scan;
-  while (is_space(*p)) ++p;
+  while (is_ascii_ws(*p)) ++p;
   return *p;
 }
 

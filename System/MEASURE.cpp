@@ -1,6 +1,7 @@
 // Units (factors, lists, compound units) and measurements.
 #include "MEASURE.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "kvinit.h"
+#include "kvtext/text.h"
 #include "sysman.h"
 
 namespace {
@@ -19,8 +21,7 @@ const char* const kSource = "System/MEASURE";
 constexpr int kTypeCount = 18;      // LSB ... ElectronVolt
 constexpr std::size_t kTextMax = 10;  // characters of a custom factor (and of a token)
 
-inline bool is_blank(char c) { return c == ' ' || c == '\t'; }
-inline char fold(char c) { return (c >= 'A' && c <= 'Z') ? char(c - 'A' + 'a') : c; }
+using kvtext::is_blank;
 
 // Lengths of the symbols LSB ... ElectronVolt.
 constexpr std::size_t kSymbolLength[kTypeCount] = {3, 1, 1, 1, 2, 1, 1, 1, 1, 3, 1, 3, 3, 3, 8, 2, 7, 2};
@@ -109,14 +110,14 @@ const char* UnitElt::Read(const char* text) {
 
 void UnitElt::ReadText(const char* p, std::size_t length) {
   prefix = NoPrefix;
-  const char last = length > 0 ? fold(p[length - 1]) : '\0';
+  const char last = length > 0 ? kvtext::ascii_lower(p[length - 1]) : '\0';
   for (int t = 0; t < kTypeCount && length > 0; ++t) {
     const char* symbol = LowerUnitText[t];
     const std::size_t n = kSymbolLength[t];
     if (n > length || symbol[n - 1] != last) continue;
     // Backwards over the symbol and the text's tail, both folded.
     std::size_t k = 1;
-    while (k < n && fold(p[length - 1 - k]) == symbol[n - 1 - k]) ++k;
+    while (k < n && kvtext::ascii_lower(p[length - 1 - k]) == symbol[n - 1 - k]) ++k;
     if (k < n) continue;
     const std::size_t before = length - n;
     if (before > 1) continue;
@@ -935,17 +936,8 @@ std::string format_text(const char* format, ...) KVCORE_PRINTF(1, 2);
 std::string format_text(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  va_list again;
-  va_copy(again, args);
-  const int n = std::vsnprintf(nullptr, 0, format, args);
+  std::string text = kvtext::format_string(format, args);
   va_end(args);
-  std::string text;
-  if (n > 0) {
-    text.resize(std::size_t(n) + 1);
-    std::vsnprintf(text.data(), text.size(), format, again);
-    text.resize(std::size_t(n));
-  }
-  va_end(again);
   return text;
 }
 
@@ -1066,13 +1058,9 @@ int Meas::sprintfu(const Units& u, char* out, const char* format, ...) const {
 
 int Meas::vDebug(DebugType type, const char* format, va_list args) const {
   const std::string expanded = expand_directives(format, value, units);
-  char buffer[1024];
-  int n = std::vsnprintf(buffer, sizeof buffer, expanded.c_str(), args);
-  if (n < 0) {
-    buffer[0] = '\0';
-    n = 0;
-  }
-  return n + ::Debug(type, "%s", buffer);
+  std::string text;
+  const int n = kvtext::format_into(text, expanded.c_str(), args, 1023);  // as through a 1024-byte buffer
+  return std::max(n, 0) + ::Debug(type, "%s", text.c_str());
 }
 
 int Meas::Debug(DebugType type, const char* format, ...) const {

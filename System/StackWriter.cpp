@@ -18,6 +18,7 @@
 #include "kvos/stack.h"
 #include "kvos/thread.h"
 #include "kvos/time.h"
+#include "kvtext/text.h"
 #include "sysman.h"
 
 namespace {
@@ -109,7 +110,7 @@ size_t read_hex(const char* text, const char* end, uint64_t& value) {
   return count;
 }
 
-bool is_blank(char c) { return c == ' ' || c == '\t'; }
+using kvtext::is_blank;
 
 }  // namespace
 

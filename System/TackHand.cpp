@@ -12,25 +12,20 @@
 #include "TackResources.h"
 #include "heap.h"
 #include "kvos/file.h"
+#include "kvtext/text.h"
 
 namespace {
 
 constexpr const char* kSource = "System/TackHand";
 
-char lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
-
-std::string lowered(const char* text) {
-  std::string out(text);
-  for (char& c : out) c = lower(c);
-  return out;
-}
+std::string lowered(const char* text) { return kvtext::ascii_lower(std::string(text)); }
 
 // A lower-cased copy from the runtime library (no heap needed), or null for null.
 char* lowered_copy(const char* text) {
   if (text == nullptr) return nullptr;
   const size_t length = std::strlen(text);
   char* copy = static_cast<char*>(KvOperatorNew(length + 1));
-  for (size_t i = 0; i < length; ++i) copy[i] = lower(text[i]);
+  for (size_t i = 0; i < length; ++i) copy[i] = kvtext::ascii_lower(text[i]);
   copy[length] = '\0';
   return copy;
 }

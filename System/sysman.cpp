@@ -21,6 +21,7 @@
 #include "kvos/module.h"
 #include "kvos/thread.h"
 #include "kvos/time.h"
+#include "kvtext/text.h"
 
 // ---------------------------------------------------------------------------
 // Exceptions
@@ -73,20 +74,12 @@ MemoryException::MemoryException(const char* text, unsigned int size)
                     .c_str()) {}
 MemoryException::~MemoryException() = default;
 
-namespace {
-std::string format_message(const char* format, va_list args) {
-  if (format == nullptr) return std::string();
-  char buffer[2048];
-  std::vsnprintf(buffer, sizeof buffer, format, args);
-  return buffer;
-}
-
-}  // namespace
-
 VarArgsException::VarArgsException(const char* format, ...) : Exception("") {
   va_list args;
   va_start(args, format);
-  static_cast<Exception&>(*this) = Exception(format_message(format, args).c_str());
+  // The message is cut to 2047 characters, as it were formatted into 2048 bytes.
+  const std::string message = format != nullptr ? kvtext::format_string(format, args, 2047) : std::string();
+  static_cast<Exception&>(*this) = Exception(message.c_str());
   va_end(args);
 }
 VarArgsException::~VarArgsException() = default;

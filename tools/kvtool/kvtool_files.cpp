@@ -8,6 +8,7 @@
 
 #include "SystemKvCore.h"
 #include "kvos/drives.h"
+#include "kvtext/text.h"
 
 namespace kvtool {
 
@@ -33,8 +34,7 @@ std::string name_cut_reason(const std::string& name) {
 std::string path_cut_reason(const std::string& text, bool nameOnly) {
   if (nameOnly) return name_cut_reason(text);
   // Leading and trailing spaces are dropped before the library counts.
-  const size_t first = text.find_first_not_of(' ');
-  const size_t length = first == std::string::npos ? 0 : text.find_last_not_of(' ') - first + 1;
+  const size_t length = kvtext::trim_spaces(text).size();
   if (length > kPathLimit)
     return "is " + count(length) + " characters long; the library keeps at most " + count(kPathLimit) +
            " characters of a path and would cut it";

@@ -5,7 +5,6 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -15,6 +14,7 @@
 
 #include "SystemKvCore.h"
 #include "kvos/drives.h"
+#include "kvtext/text.h"
 #include "kvtool.h"
 #include "kvtool_files.h"
 
@@ -167,7 +167,7 @@ bool rewrite(kvtool::UserFile& file, InstrHandle& h, const HeaderOption& header)
 // same; empty when it can.
 std::string name_problem(const std::string& name, bool section) {
   if (name.find_first_of("\r\n") != std::string::npos) return "holds a line end";
-  if (std::isspace(static_cast<unsigned char>(name.front())) || std::isspace(static_cast<unsigned char>(name.back())))
+  if (kvtext::is_ascii_ws(name.front()) || kvtext::is_ascii_ws(name.back()))
     return "begins or ends with white space, which the file does not keep";
   if (name[0] == '#') return "begins with \"#\" and would read back as a comment";
   if (name[0] == '{' || name[0] == '}') return "begins with a brace";
@@ -180,8 +180,7 @@ std::string name_problem(const std::string& name, bool section) {
 
 std::string value_problem(const std::string& value) {
   if (value.find_first_of("\r\n") != std::string::npos) return "holds a line end";
-  if (!value.empty() && (std::isspace(static_cast<unsigned char>(value.front())) ||
-                         std::isspace(static_cast<unsigned char>(value.back()))))
+  if (!value.empty() && (kvtext::is_ascii_ws(value.front()) || kvtext::is_ascii_ws(value.back())))
     return "begins or ends with white space, which the file does not keep";
   if (value.find('=') != std::string::npos) return "holds \"=\", where the line would be split when read back";
   return {};
@@ -189,15 +188,8 @@ std::string value_problem(const std::string& value) {
 
 // Splits "Section/Sub/Tag" into its components; empty components are an error.
 bool split_path(const std::string& text, std::vector<std::string>& parts) {
-  parts.clear();
-  size_t start = 0;
-  for (;;) {
-    const size_t slash = text.find('/', start);
-    parts.push_back(text.substr(start, slash == std::string::npos ? std::string::npos : slash - start));
-    if (parts.back().empty()) return false;
-    if (slash == std::string::npos) return true;
-    start = slash + 1;
-  }
+  parts = kvtext::split(text, "/");
+  return std::none_of(parts.begin(), parts.end(), [](const std::string& part) { return part.empty(); });
 }
 
 // "Name=Value" selects a section by its value.

@@ -6,8 +6,10 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "SystemKvCore.h"
+#include "kvtext/text.h"
 #include "kvtool.h"
 
 namespace {
@@ -73,21 +75,16 @@ const char* prefix_name(Prefix p) {
 
 constexpr size_t kUnitLimit = 10;  // characters the library keeps of one unit factor
 
-bool is_blank(char c) { return c == ' ' || c == '\t'; }
+using kvtext::is_blank;
 
 // Why the library would cut a factor of a unit text (it keeps 10 characters
 // of each); empty when it keeps them all.
 std::string unit_problem(const std::string& text) {
-  for (size_t start = 0; start <= text.size();) {
-    size_t end = text.find_first_of("*/", start);
-    if (end == std::string::npos) end = text.size();
-    size_t first = start, last = end;
-    while (first < last && is_blank(text[first])) ++first;
-    while (last > first && is_blank(text[last - 1])) --last;
-    if (last - first > kUnitLimit)
-      return "the unit \"" + text.substr(first, last - first) + "\" has " + std::to_string(last - first) +
+  for (const std::string& factor : kvtext::split(text, "*/")) {
+    const std::string_view unit = kvtext::trim_blanks(factor);
+    if (unit.size() > kUnitLimit)
+      return "the unit \"" + std::string(unit) + "\" has " + std::to_string(unit.size()) +
              " characters; the library keeps at most " + std::to_string(kUnitLimit) + " and would cut it";
-    start = end + 1;
   }
   return {};
 }

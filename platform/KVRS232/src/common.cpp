@@ -6,9 +6,11 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <string_view>
 
 #include "KVRS232.h"
 #include "kvrs232_internal.h"
+#include "kvtext/text.h"
 
 namespace kvrs232 {
 
@@ -25,29 +27,17 @@ CableEnds& cable_ends() {
   return *ends;
 }
 
-std::string trimmed(const std::string& text) {
-  const size_t begin = text.find_first_not_of(" \t");
-  if (begin == std::string::npos) return std::string();
-  const size_t end = text.find_last_not_of(" \t");
-  return text.substr(begin, end - begin + 1);
-}
-
 // KVCORE_SERIAL: "PORT=DEVICE" entries separated by ';'. An entry without a
 // port number of 1 or above, or without a device, is ignored.
 std::map<int, std::string> configured_ports() {
   std::map<int, std::string> ports;
   const char* value = std::getenv("KVCORE_SERIAL");
   if (value == nullptr) return ports;
-  const std::string text = value;
-  for (size_t begin = 0; begin <= text.size();) {
-    size_t end = text.find(';', begin);
-    if (end == std::string::npos) end = text.size();
-    const std::string entry = text.substr(begin, end - begin);
-    begin = end + 1;
+  for (const std::string& entry : kvtext::split(value, ";")) {
     const size_t equals = entry.find('=');
     if (equals == std::string::npos) continue;
-    const std::string number = trimmed(entry.substr(0, equals));
-    const std::string device = trimmed(entry.substr(equals + 1));
+    const std::string number(kvtext::trim_blanks(std::string_view(entry).substr(0, equals)));
+    const std::string device(kvtext::trim_blanks(std::string_view(entry).substr(equals + 1)));
     if (number.empty() || number.size() > 9 || device.empty() ||
         number.find_first_not_of("0123456789") != std::string::npos)
       continue;

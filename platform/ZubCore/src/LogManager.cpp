@@ -2,12 +2,13 @@
 #include "Zub/Core/LogManager.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "kvos/debugger.h"
+#include "kvtext/text.h"
 
 namespace Zub {
 namespace Core {
@@ -50,21 +51,7 @@ void Logger::WriteLogVarArgs(int severity, const std::string& format, const void
 #else
   thread_local std::string line;
 #endif
-  va_list ap;
-  va_copy(ap, *static_cast<va_list*>(const_cast<void*>(args)));
-  char local[1024];
-  const int n = std::vsnprintf(local, sizeof local, format.c_str(), ap);
-  va_end(ap);
-  if (n < 0) return;
-  if (static_cast<size_t>(n) < sizeof local) {
-    line.assign(local, static_cast<size_t>(n));
-  } else {
-    line.resize(static_cast<size_t>(n) + 1);
-    va_copy(ap, *static_cast<va_list*>(const_cast<void*>(args)));
-    std::vsnprintf(line.data(), line.size(), format.c_str(), ap);
-    va_end(ap);
-    line.resize(static_cast<size_t>(n));
-  }
+  if (kvtext::format_into(line, format.c_str(), *static_cast<va_list*>(const_cast<void*>(args))) < 0) return;
   m_manager.Dispatch(m_name, severity, line);
 }
 
@@ -95,18 +82,6 @@ LogManager* builtin_service() {
 // Configure from the environment when the library is loaded.
 __attribute__((constructor)) void load_log_service() { (void)builtin_service(); }
 
-std::string lower(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
-
-std::string trim(const std::string& text) {
-  size_t b = 0, e = text.size();
-  while (b < e && std::isspace(static_cast<unsigned char>(text[b]))) ++b;
-  while (e > b && std::isspace(static_cast<unsigned char>(text[e - 1]))) --e;
-  return text.substr(b, e - b);
-}
-
 }  // namespace
 
 LogManager* LogManager::Instance() {
@@ -128,7 +103,7 @@ LogManager::LogManager() = default;
 LogManager::~LogManager() = default;
 
 uint32_t LogManager::InitialFilters(const std::string& name) const {
-  const std::string lowered = lower(name);
+  const std::string lowered = kvtext::ascii_lower(name);
   const size_t dot = lowered.rfind('.');
   const std::string last = dot == std::string::npos ? lowered : lowered.substr(dot + 1);
   for (const std::string& rule : m_debugRules)
@@ -180,15 +155,9 @@ void LogManager::RemoveAllSinks() {
 
 void LogManager::SetDebugRules(const std::string& rules) {
   std::vector<std::string> parsed;
-  std::string item;
-  for (char c : rules + ",") {
-    if (c == ',' || c == ';') {
-      item = lower(trim(item));
-      if (!item.empty()) parsed.push_back(item);
-      item.clear();
-    } else {
-      item += c;
-    }
+  for (const std::string& part : kvtext::split(rules, ",;")) {
+    const std::string_view item = kvtext::trim_ascii_ws(part);
+    if (!item.empty()) parsed.push_back(kvtext::ascii_lower(std::string(item)));
   }
   std::lock_guard<std::mutex> lock(m_loggersMutex);
   m_debugRules = parsed;

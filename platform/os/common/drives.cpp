@@ -10,6 +10,7 @@
 
 #include "drive_system.h"
 #include "kvos/debugger.h"
+#include "kvtext/text.h"
 
 namespace kvos {
 namespace {
@@ -20,23 +21,8 @@ constexpr int kLetters = 26;
 
 int slot_of(int letter) {
   if (letter < 0 || letter > 0xFF) return -1;
-  const int c = std::tolower(letter);
+  const char c = kvtext::ascii_lower(static_cast<char>(letter));
   return (c >= 'a' && c <= 'z') ? c - 'a' : -1;
-}
-
-std::vector<std::string> split(const std::string& text, const char* separators) {
-  std::vector<std::string> parts;
-  std::string part;
-  for (char ch : text) {
-    if (ch != '\0' && std::strchr(separators, ch) != nullptr) {
-      parts.push_back(part);
-      part.clear();
-    } else {
-      part += ch;
-    }
-  }
-  parts.push_back(part);
-  return parts;
 }
 
 // Removes empty and "." components and applies ".." without climbing above the start.
@@ -64,7 +50,7 @@ bool clean_host(const std::string& path, std::string& out) {
   std::string volume, rest;
   if (path.empty() || !sys::split_volume(path, volume, rest)) return false;
   out = volume + sys::kSeparator;
-  const std::vector<std::string> parts = normalise(split(rest, sys::kSeparators));
+  const std::vector<std::string> parts = normalise(kvtext::split(rest, sys::kSeparators));
   for (size_t i = 0; i < parts.size(); ++i) {
     if (i > 0) out += sys::kSeparator;
     out += parts[i];
@@ -77,7 +63,7 @@ bool same_text(const std::string& a, size_t length, const std::string& b) {
   for (size_t i = 0; i < length; ++i) {
     const char x = a[i], y = b[i];
     if (x == y) continue;
-    if (!sys::kNamesIgnoreCase || std::tolower(static_cast<unsigned char>(x)) != std::tolower(static_cast<unsigned char>(y)))
+    if (!sys::kNamesIgnoreCase || kvtext::ascii_lower(x) != kvtext::ascii_lower(y))
       return false;
   }
   return true;
@@ -243,7 +229,7 @@ class DriveTable {
 
  private:
   void load_from_environment(const char* text) {
-    for (const std::string& entry : split(text, ";")) {
+    for (const std::string& entry : kvtext::split(text, ";")) {
       if (entry.empty()) continue;
       const size_t eq = entry.find('=');
       std::string cleaned;
@@ -298,7 +284,7 @@ bool is_separator(char c) { return c == '\\' || c == '/'; }
 bool drive_cwd_parts(int letter, std::vector<std::string>& parts) {
   std::string dos;
   if (!drive_getcwd(letter, dos)) return false;
-  parts = normalise(split(dos.substr(3), "\\"));
+  parts = normalise(kvtext::split(dos.substr(3), "\\"));
   return true;
 }
 
@@ -328,7 +314,7 @@ std::string network_root() { return table().network(); }
 bool dos_to_host(const std::string& dos, std::string& host) {
   if (dos.empty() || dos.find('\0') != std::string::npos) return false;
   if (dos.size() >= 2 && is_separator(dos[0]) && is_separator(dos[1])) {
-    const std::vector<std::string> parts = normalise(split(dos.substr(2), "\\/"));
+    const std::vector<std::string> parts = normalise(kvtext::split(dos.substr(2), "\\/"));
     if (parts.empty()) return false;
     const std::string net = network_root();
     if (!net.empty()) {
@@ -344,7 +330,7 @@ bool dos_to_host(const std::string& dos, std::string& host) {
   }
   if (dos.size() >= 2 && dos[1] == ':') {
     // Only mapped letters are drives; "!:" and "&:" have no host directory.
-    const int letter = std::tolower(static_cast<unsigned char>(dos[0]));
+    const int letter = static_cast<unsigned char>(kvtext::ascii_lower(dos[0]));
     const std::string root = drive_root(letter);
     if (root.empty()) return false;
     std::vector<std::string> parts;
@@ -352,18 +338,18 @@ bool dos_to_host(const std::string& dos, std::string& host) {
     if (rest.empty() || !is_separator(rest[0])) {
       if (!drive_cwd_parts(letter, parts)) return false;
     }
-    for (const std::string& p : split(rest, "\\/")) parts.push_back(p);
+    for (const std::string& p : kvtext::split(rest, "\\/")) parts.push_back(p);
     host = resolve(root, normalise(parts), false);
     return true;
   }
   if (is_separator(dos[0])) {
     const int letter = drive_current();
     if (letter == 0) return false;
-    host = resolve(drive_root(letter), normalise(split(dos, "\\/")), false);
+    host = resolve(drive_root(letter), normalise(kvtext::split(dos, "\\/")), false);
     return true;
   }
   std::vector<std::string> parts;
-  for (const std::string& p : split(dos, "\\/"))
+  for (const std::string& p : kvtext::split(dos, "\\/"))
     if (!p.empty()) parts.push_back(p);
   host = resolve(std::string(), parts, true);
   return true;
@@ -385,7 +371,7 @@ bool host_to_dos(const std::string& host, std::string& dos) {
   }
   if (netLen > 0 && netLen > driveLen) {
     // Below the network root: "\\server\share\..." needs a server and a share.
-    const std::vector<std::string> parts = split(netRest, sys::kSeparators);
+    const std::vector<std::string> parts = kvtext::split(netRest, sys::kSeparators);
     if (parts.size() >= 2 && !parts[0].empty()) {
       dos = "\\";
       for (const std::string& p : parts) dos += "\\" + p;
@@ -393,7 +379,7 @@ bool host_to_dos(const std::string& host, std::string& dos) {
     }
   }
   if (letter == 0) return false;
-  dos = dos_join(letter, normalise(split(driveRest, sys::kSeparators)));
+  dos = dos_join(letter, normalise(kvtext::split(driveRest, sys::kSeparators)));
   return true;
 }
 
@@ -404,12 +390,12 @@ int drive_current() {
 }
 
 bool drive_getcwd(int letter, std::string& dos) {
-  const int c = (letter < 0 || letter > 0xFF) ? 0 : std::tolower(letter);
+  const int c = (letter < 0 || letter > 0xFF) ? 0 : static_cast<unsigned char>(kvtext::ascii_lower(static_cast<char>(letter)));
   if (drive_root(c).empty()) return false;
   const std::string cwd = clean_cwd();
   std::string rest;
   if (!cwd.empty() && table().drive_of(cwd, &rest) == c) {
-    dos = dos_join(c, normalise(split(rest, sys::kSeparators)));
+    dos = dos_join(c, normalise(kvtext::split(rest, sys::kSeparators)));
     return true;
   }
   const std::string remembered = table().remembered(c);

@@ -1,7 +1,6 @@
 // Unique temporary names and the search for the first file matching a pattern.
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <cstdio>
 #include <vector>
 
@@ -11,16 +10,12 @@
 #include "kvos/fault.h"
 #include "kvos/file.h"
 #include "kvos/time.h"
+#include "kvtext/text.h"
 
 namespace kvos {
 namespace {
 
 bool map(const std::string& dos, std::string& host) { return !dos.empty() && dos_to_host(dos, host); }
-
-std::string lower(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
 
 // "*" any run of characters, "?" exactly one; both texts already lower-case.
 bool wild_match(const char* pattern, const char* name) {
@@ -111,11 +106,13 @@ bool file_find_first(const std::string& dosPattern, FindData& found) {
   std::string hostDir;
   std::vector<std::string> all;
   if (!map(dosDir, hostDir) || !file_system::list_directory(hostDir, all)) return false;
-  const std::string pattern = lower(leaf);
+  const std::string pattern = kvtext::ascii_lower(leaf);
   const bool any = pattern == "*.*" || pattern == "*";
   std::vector<std::pair<std::string, std::string>> names;  // (lower-case, as stored)
-  for (const std::string& name : all)
-    if (any || wild_match(pattern.c_str(), lower(name).c_str())) names.emplace_back(lower(name), name);
+  for (const std::string& name : all) {
+    std::string lowered = kvtext::ascii_lower(name);
+    if (any || wild_match(pattern.c_str(), lowered.c_str())) names.emplace_back(std::move(lowered), name);
+  }
   std::sort(names.begin(), names.end());
   for (const auto& name : names)
     if (file_system::describe(join_host(hostDir, name.second), found)) return true;  // else vanished meanwhile

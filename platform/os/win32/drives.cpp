@@ -8,6 +8,7 @@
 
 #include "../common/drive_system.h"
 #include "kvos/drives.h"
+#include "kvtext/text.h"
 
 namespace kvos::drive_system {
 namespace {
@@ -31,7 +32,7 @@ std::vector<std::pair<char, std::string>> default_drives() {
 
 bool split_volume(const std::string& host, std::string& volume, std::string& rest) {
   if (host.size() >= 3 && std::isalpha(static_cast<unsigned char>(host[0])) && host[1] == ':' && is_separator(host[2])) {
-    volume = std::string(1, static_cast<char>(std::toupper(static_cast<unsigned char>(host[0])))) + ":";
+    volume = std::string(1, kvtext::ascii_upper(host[0])) + ":";
     rest = host.substr(2);
     return true;
   }

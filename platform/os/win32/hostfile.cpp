@@ -3,10 +3,10 @@
 // update lock.
 #include <windows.h>
 
-#include <cctype>
 #include <vector>
 
 #include "kvos/hostfile.h"
+#include "kvtext/text.h"
 #include "system_error.h"
 
 namespace kvos {
@@ -158,7 +158,7 @@ bool HostUpdateLock::acquire(const std::string& target, std::string& error) {
   std::string directory = full_path(directory_of(target));
   if (directory.empty()) return fail(error, GetLastError());
   std::string name = "Local\\kvcore-update-";
-  for (char c : directory) name += c == '\\' ? '/' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  for (char c : directory) name += c == '\\' ? '/' : kvtext::ascii_lower(c);
   if (name.size() >= MAX_PATH) {
     uint64_t hash = 14695981039346656037ull;  // FNV-1a of the long name
     for (char c : name) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ull;
