@@ -44,6 +44,8 @@ TEST(OsTime, DosPackingAndCalendarConversions) {
   ASSERT_TRUE(kvos::calendar_to_file_time({1970, 1, 1, 0, 0, 0, 0}, ft));
   EXPECT_TRUE(ft == kvos::kFileTimeUnixEpoch && kvos::unix_to_file_time(0) == kvos::kFileTimeUnixEpoch);
   EXPECT_FALSE(kvos::calendar_to_file_time({2020, 13, 1, 0, 0, 0, 0}, ft) || kvos::file_time_to_calendar(-1, back));
+  // 31 February 2024, 29 February 2023, 30 February 2024: refused, not rolled into March.
+  for (const uint16_t badDate : {0x585F, 0x565D, 0x585E}) EXPECT_FALSE(kvos::dos_to_file_time(badDate, 0, ft)) << badDate;
   ASSERT_TRUE(kvos::calendar_to_file_time({1979, 12, 31, 23, 59, 59, 0}, ft));
   EXPECT_FALSE(kvos::file_time_to_dos(ft, date, time)) << "DOS dates start in 1980";
 }

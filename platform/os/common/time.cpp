@@ -1,6 +1,8 @@
 // Calendar and DOS date/time arithmetic on file times (no zones, no clocks).
 #include "kvos/time.h"
 
+#include <chrono>
+
 namespace kvos {
 namespace {
 
@@ -31,11 +33,15 @@ void civil_from_days(int64_t z, int& y, int& m, int& d) {
 
 int64_t floor_div(int64_t a, int64_t b) { return a / b - ((a % b != 0) && ((a < 0) != (b < 0))); }
 
+// A real date (no 31 February, 29 February only in leap years) and time of day.
 bool valid_calendar(const CalendarTime& c) {
-  if (c.month < 1 || c.month > 12 || c.day < 1 || c.day > 31) return false;
+  using std::chrono::day, std::chrono::month, std::chrono::year, std::chrono::year_month_day;
+  // The range check first: the chrono types keep only the low bits of what they are given.
+  if (c.month < 1 || c.month > 12 || c.day < 1 || c.day > 31 || c.year < 1601 || c.year > 30827) return false;
+  if (!year_month_day{year{c.year}, month{static_cast<unsigned>(c.month)}, day{static_cast<unsigned>(c.day)}}.ok())
+    return false;
   if (c.hour < 0 || c.hour > 23 || c.minute < 0 || c.minute > 59) return false;
-  if (c.second < 0 || c.second > 59 || c.millisecond < 0 || c.millisecond > 999) return false;
-  return c.year >= 1601 && c.year <= 30827;
+  return c.second >= 0 && c.second <= 59 && c.millisecond >= 0 && c.millisecond <= 999;
 }
 
 }  // namespace
