@@ -1,11 +1,18 @@
 # Installation: libraries, headers, a CMake package and a pkg-config file.
+# The operating-system boundary (KvOs) is installed as a library the others
+# load, never as an interface: its target is exported (the package's libraries
+# depend on it) but carries no headers, so that it stays free to change.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS SystemKvCore ZubCore KvOs KVRS232 EXPORT SystemKvCoreTargets
+install(TARGETS SystemKvCore ZubCore KVRS232 EXPORT SystemKvCoreTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)
+install(TARGETS KvOs EXPORT SystemKvCoreTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS kvtool EXPORT SystemKvCoreTargets RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # Installed binaries find the project's libraries relative to themselves, so an
 # installed tree runs wherever it lies. The build-tree search path
@@ -33,7 +40,6 @@ foreach(target SystemKvCore ZubCore KvOs KVRS232 kvtool)
 endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/ZubCore/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/os/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/KVRS232/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/SystemKvCore)
 
 install(EXPORT SystemKvCoreTargets NAMESPACE SystemKvCore:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/SystemKvCore)

@@ -7,7 +7,6 @@
 #include <string>
 
 #include "SystemKvCore.h"
-#include "kvos/drives.h"
 #include "kvtext/text.h"
 
 namespace kvtool {
@@ -54,7 +53,7 @@ bool UserFile::fail(const std::string& why) const {
   return false;
 }
 
-bool UserFile::large() const { return info_.size > kLargeFile && kvos::host_stderr_is_terminal(); }
+bool UserFile::large() const { return info_.size > kLargeFile && host_stderr_is_terminal(); }
 
 void UserFile::progress(const char* phase) const {
   if (large()) std::fprintf(stderr, "\r%s: %s: %s...\033[K", command_.c_str(), shown_.c_str(), phase);
@@ -66,15 +65,15 @@ void UserFile::progress_done() const {
 
 bool UserFile::usable(bool forWriting, bool mayBeMissing, bool force) const {
   switch (info_.kind) {
-    case kvos::HostFileKind::kMissing:
+    case HostFileKind::kMissing:
       if (!mayBeMissing) return fail("cannot be read: " + std::string(std::strerror(ENOENT)));
       if (forWriting && !info_.writable) return fail("cannot be created: " + std::string(std::strerror(EACCES)));
       return true;
-    case kvos::HostFileKind::kDirectory:
+    case HostFileKind::kDirectory:
       return fail("cannot be read: " + std::string(std::strerror(EISDIR)));
-    case kvos::HostFileKind::kOther:
+    case HostFileKind::kOther:
       return fail("not a regular file (a device, a named pipe or a socket); refused");
-    case kvos::HostFileKind::kRegular:
+    case HostFileKind::kRegular:
       break;
   }
   if (forWriting && !info_.writable && !force) return fail("the file is read-only; --force replaces it all the same");
@@ -83,12 +82,12 @@ bool UserFile::usable(bool forWriting, bool mayBeMissing, bool force) const {
 
 bool UserFile::open(bool forWriting, bool mayBeMissing, bool force) {
   std::string error;
-  if (!kvos::host_file_info(shown_, info_, error)) return fail(error);
+  if (!host_file_info(shown_, info_, error)) return fail(error);
   if (!usable(forWriting, mayBeMissing, force)) return false;
   if (!forWriting) return true;
 
   // The library names the file it writes by a DOS path: it must lead back to this very file.
-  if (!kvos::host_to_dos(info_.target, dos_))
+  if (!host_to_dos_path(info_.target.c_str(), dos_))
     return fail("lies on no drive of the library (" + info_.target + "; see kvtool drives)");
   const std::string cut = path_cut_reason(dos_);
   if (!cut.empty()) return fail("its library path " + dos_ + " " + cut);
@@ -103,14 +102,14 @@ bool UserFile::open(bool forWriting, bool mayBeMissing, bool force) {
   if (!lock_.acquire(info_.target, error)) return fail("cannot be locked: " + error);
   // Another program may have replaced or removed the file while this one waited.
   const std::string target = info_.target;
-  if (!kvos::host_file_info(target, info_, error)) return fail(error);
+  if (!host_file_info(target, info_, error)) return fail(error);
   if (info_.target != target) return fail("was replaced by another file meanwhile; nothing was changed");
   return usable(forWriting, mayBeMissing, force);
 }
 
 bool UserFile::read(std::string& text) {
   text.clear();
-  if (info_.kind == kvos::HostFileKind::kMissing) return true;
+  if (info_.kind == HostFileKind::kMissing) return true;
   std::string error;
   const bool shown = large();
   auto report = [this, shown](uint64_t done, uint64_t total) {
@@ -118,7 +117,7 @@ bool UserFile::read(std::string& text) {
       std::fprintf(stderr, "\r%s: %s: reading %u%%\033[K", command_.c_str(), shown_.c_str(),
                    static_cast<unsigned>(done * 100 / total));
   };
-  if (!kvos::host_file_read(info_.target, text, error, report)) return fail("cannot be read: " + error);
+  if (!host_file_read(info_.target, text, error, report)) return fail("cannot be read: " + error);
   const size_t nul = text.find('\0');
   if (nul != std::string::npos) return fail("contains a NUL byte at offset " + count(nul));
   return true;

@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "kvos/hostfile.h"
+#include "host_file.h"
 
 namespace kvtool {
 
@@ -51,9 +51,9 @@ class UserFile {
 
   std::string command_;
   std::string shown_;
-  kvos::HostFileInfo info_;
+  HostFileInfo info_;
   std::string dos_;
-  kvos::HostUpdateLock lock_;
+  HostUpdateLock lock_;
 };
 
 }  // namespace kvtool

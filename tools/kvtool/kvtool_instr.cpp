@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "SystemKvCore.h"
-#include "kvos/drives.h"
 #include "kvtext/text.h"
 #include "kvtool.h"
 #include "kvtool_files.h"
@@ -413,7 +412,7 @@ int demo_instrument_files() {
   }
   int result = 1;
   std::string dos;
-  if (kvos::host_to_dos((dir / "copy.ins").string(), dos)) {
+  if (host_to_dos_path((dir / "copy.ins").string().c_str(), dos)) {
     h.ChangeStr("0.15 V");
     h.Path(pathname(dos.c_str()));
     if (h.Write()) {

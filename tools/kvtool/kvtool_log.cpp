@@ -9,9 +9,6 @@
 #include <system_error>
 
 #include "SystemKvCore.h"
-#include "kvos/drives.h"
-#include "kvos/file.h"
-#include "kvos/time.h"
 #include "kvtool.h"
 
 namespace {
@@ -33,7 +30,7 @@ std::string log_directory(const std::string& hostDir) {
     return {};
   }
   std::string dos;
-  if (!kvos::host_to_dos(std::filesystem::absolute(hostDir, ec).lexically_normal().string(), dos)) {
+  if (!host_to_dos_path(std::filesystem::absolute(hostDir, ec).lexically_normal().string().c_str(), dos)) {
     std::fprintf(stderr, "kvtool log: %s lies on no mapped drive\n", hostDir.c_str());
     return {};
   }
@@ -41,13 +38,19 @@ std::string log_directory(const std::string& hostDir) {
   return dos;
 }
 
-std::string local_time(int64_t utc) {
-  int64_t local = 0;
-  kvos::CalendarTime t;
-  if (!kvos::file_time_to_local(utc, local) || !kvos::file_time_to_calendar(local, t)) return "?";
+// A log file's size, or false when there is none (through the library's file lookup).
+bool log_file_size(const std::string& path, uint64_t& size) {
+  size = SysManager::FileSize(path.c_str());
+  return size != 0xFFFFFFFFu || SysManager::FileTime(path.c_str()) != 0;
+}
+
+// A file's last-write time, local, to the library's two seconds.
+std::string local_time(const std::string& path) {
+  const file_timestamp t(SysManager::FileTime(path.c_str()));
+  if (t.packed() == 0) return "?";
   char text[40];
-  std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03d", t.year, t.month, t.day, t.hour, t.minute,
-                t.second, t.millisecond);
+  std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", t.year(), t.month(), t.day(), t.hour(),
+                t.minute(), t.second());
   return text;
 }
 
@@ -66,12 +69,12 @@ int list_logs(const std::string& dosDir, const char* indent = "") {
   for (const LogKind& kind : kLogs) {
     const std::string current = current_file(dosDir, kind);
     auto show = [&](const std::string& name) {
-      kvos::FindData found;
       const std::string path = dosDir + "\\" + name;
-      if (!kvos::file_find_first(path, found)) return;
+      uint64_t size = 0;
+      if (!log_file_size(path, size)) return;
       ++count;
-      std::printf("%s%c %-14s %10llu  %s\n", indent, path == current ? '*' : ' ', found.name.c_str(),
-                  static_cast<unsigned long long>(found.size), local_time(found.lastWriteUtc).c_str());
+      std::printf("%s%c %-14s %10llu  %s\n", indent, path == current ? '*' : ' ', name.c_str(),
+                  static_cast<unsigned long long>(size), local_time(path).c_str());
     };
     if (std::string(kind.stem) == "debug") show(kind.name);
     for (int n = 1; n <= kMaxFiles; ++n) {
@@ -108,8 +111,8 @@ bool initialize(const InitOptions& options, std::string& dosDir) {
     std::fprintf(stderr, "kvtool log: %s\n", error.what());
     return false;
   }
-  kvos::FindData found;
-  if (!kvos::file_find_first(current_file(dosDir, kLogs[0]), found)) {
+  uint64_t size = 0;
+  if (!log_file_size(current_file(dosDir, kLogs[0]), size)) {
     std::fprintf(stderr, "kvtool log: the debug log could not be opened in %s\n", dosDir.c_str());
     return false;
   }
@@ -177,7 +180,7 @@ int demo_rotation() {
       std::filesystem::temp_directory_path(ec) /
       ("kvtool-log-demo-" + std::to_string(std::chrono::system_clock::now().time_since_epoch().count()));
   std::string dosDir;
-  if (!std::filesystem::create_directories(dir, ec) || !kvos::host_to_dos(dir.string(), dosDir)) {
+  if (!std::filesystem::create_directories(dir, ec) || !host_to_dos_path(dir.string().c_str(), dosDir)) {
     std::printf("  no temporary directory on a mapped drive\n");
     return 1;
   }

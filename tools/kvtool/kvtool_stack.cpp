@@ -11,8 +11,6 @@
 #include <system_error>
 
 #include "SystemKvCore.h"
-#include "kvos/drives.h"
-#include "kvos/module.h"
 #include "kvtool.h"
 #include "kvtool_image.h"
 
@@ -136,6 +134,14 @@ __attribute__((noinline)) void kvtool_stack_demo_outer(const char* failure, std:
 
 namespace {
 
+// The host path of this program, as the library's start-up records it (at
+// once when it has already run).
+std::string executable_host_path() {
+  SysManager::Initialize();
+  std::string host;
+  return dos_to_host_path(SysManager::ExeFilePath.c_str(), host) ? host : std::string();
+}
+
 int demo_stack_dump() {
   std::error_code ignored;
   const std::filesystem::path directory =
@@ -144,7 +150,7 @@ int demo_stack_dump() {
   std::string dosDirectory;
   kvtool::ExecutableImage image;
   std::string error;
-  if (!kvos::host_to_dos(directory.string(), dosDirectory) || !image.open(kvos::executable_path(), error)) {
+  if (!host_to_dos_path(directory.string().c_str(), dosDirectory) || !image.open(executable_host_path(), error)) {
     std::printf("  no map file: %s\n", error.empty() ? "no temporary directory on a mapped drive" : error.c_str());
     return 1;
   }

@@ -7,7 +7,6 @@
 
 #include "SystemKvCore.h"
 #include "Zub/Core/Callback.h"
-#include "kvos/drives.h"
 #include "kvtool.h"
 
 namespace {
@@ -55,7 +54,7 @@ int demo_system_manager() {
   // A crash-safe write of two scattered buffers, read back.
   const std::filesystem::path directory = make_demo_directory();
   std::string dosDirectory;
-  if (directory.empty() || !kvos::host_to_dos(directory.string(), dosDirectory)) {
+  if (directory.empty() || !host_to_dos_path(directory.string().c_str(), dosDirectory)) {
     std::printf("  no temporary directory on a mapped drive\n");
     return 1;
   }

@@ -5,17 +5,23 @@
 
 #include <vector>
 
-#include "kvos/hostfile.h"
+#include "host_file.h"
 #include "kvtext/text.h"
-#include "system_error.h"
 
-namespace kvos {
+namespace kvtool {
 namespace {
 
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
+// The system's text for code ("Access is denied"), without the trailing period and line end.
 bool fail(std::string& error, DWORD code) {
-  error = win32::error_text(code);
+  char* text = nullptr;
+  const DWORD n = FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                                 nullptr, code, 0, reinterpret_cast<char*>(&text), 0, nullptr);
+  error = n != 0 && text != nullptr ? std::string(text, n) : "system error " + std::to_string(code);
+  if (text != nullptr) LocalFree(text);
+  while (!error.empty() && (error.back() == '\n' || error.back() == '\r' || error.back() == ' ' || error.back() == '.'))
+    error.pop_back();
   return false;
 }
 
@@ -184,4 +190,4 @@ void HostUpdateLock::release() {
   handle_ = -1;
 }
 
-}  // namespace kvos
+}  // namespace kvtool

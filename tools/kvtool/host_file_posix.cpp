@@ -1,6 +1,6 @@
 // Host files on Linux: lstat/readlink to follow links, reads that refuse
 // anything but a regular file, and flock on the file's directory.
-#include "kvos/hostfile.h"
+#include "host_file.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -13,7 +13,7 @@
 #include <cstring>
 #include <vector>
 
-namespace kvos {
+namespace kvtool {
 namespace {
 
 std::string reason(int code) { return std::strerror(code); }
@@ -178,4 +178,4 @@ void HostUpdateLock::release() {
   handle_ = -1;
 }
 
-}  // namespace kvos
+}  // namespace kvtool

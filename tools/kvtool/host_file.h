@@ -1,16 +1,16 @@
-// Files named by host paths, as the user of a program gives them: what a name
-// leads to, whole-file reads that say why they failed, and an advisory lock
-// that cooperating programs hold around a read-modify-write of a file. Every
-// failure comes with the system's reason as text ("Permission denied").
+// kvtool's own host files, named by host paths as the user gives them: what a
+// name leads to, whole-file reads that say why they failed, and an advisory
+// lock that cooperating programs hold around a read-modify-write of a file.
+// Every failure comes with the system's reason as text ("Permission denied").
+// host_file_posix.cpp and host_file_win32.cpp implement it; the library's
+// boundary (kvos) has no part in it.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <string>
 
-#include "kvos/export.h"
-
-namespace kvos {
+namespace kvtool {
 
 enum class HostFileKind {
   kMissing,    // nothing there (a link that leads nowhere included)
@@ -34,23 +34,23 @@ struct HostFileInfo {
 // Looks at what `path` names, following links. False, with the reason in
 // `error`, when that cannot be told: a directory on the way is missing or may
 // not be searched, links form a loop.
-KVOS_API bool host_file_info(const std::string& path, HostFileInfo& info, std::string& error);
+bool host_file_info(const std::string& path, HostFileInfo& info, std::string& error);
 
 // Reads a whole regular file. `progress`, when given, is called after each
 // piece with the bytes read so far and the file's size. False, with the reason
 // in `error`, when the file cannot be opened or read, or is not a regular file
 // (a named pipe is refused without waiting for a writer).
-KVOS_API bool host_file_read(const std::string& path, std::string& data, std::string& error,
-                             const std::function<void(uint64_t done, uint64_t total)>& progress = {});
+bool host_file_read(const std::string& path, std::string& data, std::string& error,
+                    const std::function<void(uint64_t done, uint64_t total)>& progress = {});
 
 // Whether the process's standard error is a terminal (where progress may be shown).
-KVOS_API bool host_stderr_is_terminal();
+bool host_stderr_is_terminal();
 
 // An exclusive advisory lock that serialises read-modify-write of a file
 // among the programs that take it. It covers the file's directory, so that it
 // holds across the replacement of the file by a new one. Released by release()
 // or the destructor, and by the system when the process ends.
-class KVOS_API HostUpdateLock {
+class HostUpdateLock {
  public:
   HostUpdateLock() = default;
   ~HostUpdateLock();
@@ -66,4 +66,4 @@ class KVOS_API HostUpdateLock {
   intptr_t handle_ = -1;
 };
 
-}  // namespace kvos
+}  // namespace kvtool
