@@ -45,20 +45,22 @@ void ConsoleWindow::InitializeConsole() {
 
 bool ConsoleWindow::IsInitialized() { return m_initialized && hwndConsole != nullptr; }
 
+// The window calls below have no result to give: a terminal that does not
+// offer the control simply keeps its state.
 void ConsoleWindow::Show() {
-  if (active()) kvos::console_show_window(true);
+  if (active()) (void)kvos::console_show_window(true);
 }
 
 void ConsoleWindow::Hide() {
-  if (active()) kvos::console_show_window(false);
+  if (active()) (void)kvos::console_show_window(false);
 }
 
 void ConsoleWindow::SetTitle(const std::string& title) {
-  if (active()) kvos::console_set_title(title);
+  if (active()) (void)kvos::console_set_title(title);
 }
 
 void ConsoleWindow::DisableClose() {
-  if (active()) kvos::console_disable_close();
+  if (active()) (void)kvos::console_disable_close();
 }
 
 std::string ConsoleWindow::EscapeFormat(const std::string& format) {

@@ -1145,6 +1145,13 @@ InstrHandle* checked(void* h) {
 
 InstrHandle* as_handle(void* h) { return static_cast<InstrHandle*>(h); }
 
+// Runs call on the handle; false, after the note checked() leaves, for none.
+template <typename Call>
+bool forward(void* h, Call call) {
+  InstrHandle* p = checked(h);
+  return p != nullptr && call(*p);
+}
+
 }  // namespace
 
 void* InstrCreate(FileName& name) {
@@ -1160,15 +1167,8 @@ void InstrDestroy(void* h) {
   KvOperatorDelete(handle);
 }
 
-bool InstrRead(void* h, IHReadFlags f) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->Read(f);
-}
-
-bool InstrWrite(void* h) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->Write();
-}
+bool InstrRead(void* h, IHReadFlags f) { return forward(h, [&](InstrHandle& p) { return p.Read(f); }); }
+bool InstrWrite(void* h) { return forward(h, [&](InstrHandle& p) { return p.Write(); }); }
 
 bool InstrRename(void* h, FileName& name) {
   if (h == nullptr) return false;
@@ -1182,11 +1182,7 @@ bool InstrFileName(void* h, FileName& out) {
   return true;
 }
 
-bool InstrSeek(void* h, InstrType t) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->Seek(t);
-}
-
+bool InstrSeek(void* h, InstrType t) { return forward(h, [&](InstrHandle& p) { return p.Seek(t); }); }
 bool InstrEnterSection(void* h) { return InstrSeek(h, InstrTypeEnter); }
 bool InstrExitSection(void* h) { return InstrSeek(h, InstrTypeExit); }
 
@@ -1194,108 +1190,62 @@ InstrType InstrCurrentItem(void* h, char*& tag, char*& value) { return as_handle
 InstrType InstrNextItem(void* h, char*& tag, char*& value) { return as_handle(h)->NextItem(tag, value); }
 InstrType InstrPrevItem(void* h, char*& tag, char*& value) { return as_handle(h)->PrevItem(tag, value); }
 
-bool InstrFirstRecord(void* h, char* name) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->FirstRecord(name);
-}
-
-bool InstrNextRecord(void* h, char* name) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->NextRecord(name);
-}
-
-bool InstrFirstSection(void* h, char* name) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->FirstSection(name);
-}
+bool InstrFirstRecord(void* h, char* name) { return forward(h, [&](InstrHandle& p) { return p.FirstRecord(name); }); }
+bool InstrNextRecord(void* h, char* name) { return forward(h, [&](InstrHandle& p) { return p.NextRecord(name); }); }
+bool InstrFirstSection(void* h, char* name) { return forward(h, [&](InstrHandle& p) { return p.FirstSection(name); }); }
 
 bool InstrNextSection(void* h, char* name) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->NextSection(name, nullptr);
+  return forward(h, [&](InstrHandle& p) { return p.NextSection(name, nullptr); });
 }
 
 bool InstrFirstStr(void* h, char* name, char*& value) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->FirstStr(name, value);
+  return forward(h, [&](InstrHandle& p) { return p.FirstStr(name, value); });
 }
 
 bool InstrNextStr(void* h, char* name, char*& value) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->NextStr(name, value);
+  return forward(h, [&](InstrHandle& p) { return p.NextStr(name, value); });
 }
 
 bool InstrFirstInt(void* h, char* name, int& out) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->FirstInt(name, out);
+  return forward(h, [&](InstrHandle& p) { return p.FirstInt(name, out); });
 }
 
 bool InstrFirstFloat(void* h, char* name, float& out) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->FirstFloat(name, out);
+  return forward(h, [&](InstrHandle& p) { return p.FirstFloat(name, out); });
 }
 
 bool InstrPrevFileName(void* h, char* name, FileName& out) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->PrevFileName(name, out);
+  return forward(h, [&](InstrHandle& p) { return p.PrevFileName(name, out); });
 }
 
-bool InstrAddInt(void* h, char* name, int v) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->AddInt(name, v);
-}
+bool InstrAddInt(void* h, char* name, int v) { return forward(h, [&](InstrHandle& p) { return p.AddInt(name, v); }); }
 
 bool InstrAddFloat(void* h, char* name, float v) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->AddFloat(name, v);
+  return forward(h, [&](InstrHandle& p) { return p.AddFloat(name, v); });
 }
 
 bool InstrAddDouble(void* h, char* name, double v) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->AddDouble(name, v);
+  return forward(h, [&](InstrHandle& p) { return p.AddDouble(name, v); });
 }
 
 bool InstrAddSection(void* h, const char* name) { return as_handle(h)->AddSection(name, nullptr); }
 
-bool InstrChangeInt(void* h, int v) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->ChangeInt(v);
-}
-
-bool InstrChangeFloat(void* h, float v) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->ChangeFloat(v);
-}
-
-bool InstrChangeDouble(void* h, double v) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->ChangeDouble(v);
-}
-
-bool InstrChangeStr(void* h, char* v) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->ChangeStr(v);
-}
+bool InstrChangeInt(void* h, int v) { return forward(h, [&](InstrHandle& p) { return p.ChangeInt(v); }); }
+bool InstrChangeFloat(void* h, float v) { return forward(h, [&](InstrHandle& p) { return p.ChangeFloat(v); }); }
+bool InstrChangeDouble(void* h, double v) { return forward(h, [&](InstrHandle& p) { return p.ChangeDouble(v); }); }
+bool InstrChangeStr(void* h, char* v) { return forward(h, [&](InstrHandle& p) { return p.ChangeStr(v); }); }
 
 bool InstrChangeFileName(void* h, const FileName& v) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->ChangeFileName(v);
+  return forward(h, [&](InstrHandle& p) { return p.ChangeFileName(v); });
 }
 
 bool InstrChangeSection(void* h, const char* name) { return as_handle(h)->ChangeSection(name, nullptr); }
 
 bool InstrSetFileName(void* h, const char* name, const FileName& v) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->SetFileName(name, v);
+  return forward(h, [&](InstrHandle& p) { return p.SetFileName(name, v); });
 }
 
 bool InstrSetSection(void* h, const char* name) { return as_handle(h)->SetSection(name, nullptr); }
 
-bool InstrDeleteItem(void* h) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->DeleteItem();
-}
-
-bool InstrClearSection(void* h) {
-  InstrHandle* p = checked(h);
-  return p != nullptr && p->ClearSection();
-}
+bool InstrDeleteItem(void* h) { return forward(h, [&](InstrHandle& p) { return p.DeleteItem(); }); }
+bool InstrClearSection(void* h) { return forward(h, [&](InstrHandle& p) { return p.ClearSection(); }); }

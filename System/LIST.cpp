@@ -140,31 +140,20 @@ struct DLlistCore {
 // ---------------------------------------------------------------------------
 // Allocation of elements and keys
 
-void* DLlistElt::operator new(std::size_t n) { return allocate_untracked(n); }
-void* DLlistElt::operator new(std::size_t n, const std::nothrow_t&) noexcept { return KvOperatorNew(n != 0 ? n : 1); }
-void* DLlistElt::operator new(std::size_t n, heap* h, const char* file, int line) {
+void* HeapAllocated::operator new(std::size_t n) { return allocate_untracked(n); }
+void* HeapAllocated::operator new(std::size_t n, const std::nothrow_t&) noexcept {
+  return KvOperatorNew(n != 0 ? n : 1);
+}
+void* HeapAllocated::operator new(std::size_t n, heap* h, const char* file, int line) {
   return ::operator new(n, h, file, line);
 }
-void* DLlistElt::operator new(std::size_t n, _FindHeap* near, const char* file, int line) {
+void* HeapAllocated::operator new(std::size_t n, _FindHeap* near, const char* file, int line) {
   return ::operator new(n, near, file, line);
 }
-void DLlistElt::operator delete(void* p) noexcept { KvOperatorDelete(p); }
-void DLlistElt::operator delete(void* p, const std::nothrow_t&) noexcept { KvOperatorDelete(p); }
-void DLlistElt::operator delete(void* p, heap*, const char*, int) noexcept { KvOperatorDelete(p); }
-void DLlistElt::operator delete(void* p, _FindHeap*, const char*, int) noexcept { KvOperatorDelete(p); }
-
-void* HashElt::operator new(std::size_t n) { return allocate_untracked(n); }
-void* HashElt::operator new(std::size_t n, const std::nothrow_t&) noexcept { return KvOperatorNew(n != 0 ? n : 1); }
-void* HashElt::operator new(std::size_t n, heap* h, const char* file, int line) {
-  return ::operator new(n, h, file, line);
-}
-void* HashElt::operator new(std::size_t n, _FindHeap* near, const char* file, int line) {
-  return ::operator new(n, near, file, line);
-}
-void HashElt::operator delete(void* p) noexcept { KvOperatorDelete(p); }
-void HashElt::operator delete(void* p, const std::nothrow_t&) noexcept { KvOperatorDelete(p); }
-void HashElt::operator delete(void* p, heap*, const char*, int) noexcept { KvOperatorDelete(p); }
-void HashElt::operator delete(void* p, _FindHeap*, const char*, int) noexcept { KvOperatorDelete(p); }
+void HeapAllocated::operator delete(void* p) noexcept { KvOperatorDelete(p); }
+void HeapAllocated::operator delete(void* p, const std::nothrow_t&) noexcept { KvOperatorDelete(p); }
+void HeapAllocated::operator delete(void* p, heap*, const char*, int) noexcept { KvOperatorDelete(p); }
+void HeapAllocated::operator delete(void* p, _FindHeap*, const char*, int) noexcept { KvOperatorDelete(p); }
 
 // ---------------------------------------------------------------------------
 // DLlistElt

@@ -237,7 +237,7 @@ void CStackWriter::DumpCurrentThread(char* raw, size_t capacity) {
   const bool held = kvos::stack_thread_suspend(m_thread);
   Debug(dbgCSL, "CSL: CStackWriter::DumpRunnableFibers(...) post SuspendThread doing runnable filbers\n");
   GetRawStackForThread(raw, capacity);
-  if (held) kvos::stack_thread_resume(m_thread);
+  if (held) (void)kvos::stack_thread_resume(m_thread);  // held: the thread is suspended, so this succeeds
   Debug(dbgCSL, "CSL: CStackWriter::DumpRunnableFibers(...) exit\n");
 }
 
@@ -349,7 +349,7 @@ bool CStackWriter::AppendStackDumpToDumpDotTab() {
   const auto give_up = [file](const char* what) {
     const int code = kvos::file_last_error();
     Debug(dbgCSL, "CStackWriter::AppendStackDumpToDumpDotTab() - %s. Closing file. Error code: %d\n", what, code);
-    kvos::file_close(file);
+    (void)kvos::file_close(file);  // the failure is reported already
     return false;
   };
 
@@ -365,7 +365,9 @@ bool CStackWriter::AppendStackDumpToDumpDotTab() {
   char trailer[64];
   std::snprintf(trailer, sizeof trailer, "\r\n@DumpSize: %08X\r\n", m_dumpSize + 2);
   if (!write_piece(trailer)) return give_up("writing DumpSize str");
-  kvos::file_close(file);
+  if (!kvos::file_close(file))
+    Debug(dbgCSL, "CStackWriter::AppendStackDumpToDumpDotTab() - CloseHandle failed. Error code: %d\n",
+          kvos::file_last_error());
   Debug(dbgCSL, "CSL: CStackWriter::AppendStackDumpToDumpDotTab() exit\n");
   return true;
 }
@@ -392,7 +394,7 @@ bool CTranslateRawStackInfo::LoadMapFile() {
   bool read = kvos::file_get_size(file, size) && size >= 2 && size < 0xFFFFFFFFu;
   if (read) text.reset(new (std::nothrow) char[size + 1]);
   read = read && text && kvos::file_read(file, text.get(), size, done) && done == size;
-  kvos::file_close(file);
+  (void)kvos::file_close(file);  // opened for reading: the text is in memory or the load fails anyway
   if (!read) return false;
   return LoadMapText(text.get(), static_cast<size_t>(size));
 }

@@ -137,7 +137,7 @@ bool TackHand::LoadFile(const char* path) {
     uint64_t done = 0;
     complete = kvos::file_seek(file, 0) && kvos::file_read(file, block, length, done) && done == length;
   }
-  kvos::file_close(file);
+  (void)kvos::file_close(file);  // opened for reading: the data is in memory or the load fails anyway
   if (!complete) {
     KvOperatorDelete(block);
     return false;

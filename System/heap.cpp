@@ -167,11 +167,13 @@ KvHeapClearHelper g_clearHelper;
 // process has a single thread, the mutex is left alone: nothing can race and
 // it could never block. Operations that call out while holding the lock (the
 // diagnostics write through the logging service) always take it.
+enum class heap_path { cold, hot };
+
 class heap_lock {
  public:
-  explicit heap_lock(bool hot = false) {
+  explicit heap_lock(heap_path path = heap_path::cold) {
     Zub::Core::Mutex* mutex = heapman_mgr::m_Mutex;
-    if (!hot || mutex == nullptr || g_singleThreaded == nullptr || *g_singleThreaded == 0)
+    if (path != heap_path::hot || mutex == nullptr || g_singleThreaded == nullptr || *g_singleThreaded == 0)
       m_lock.emplace(mutex, kHeapWait);
   }
 
@@ -271,9 +273,7 @@ heap::heap()
   if (this != mainheap) {
     if (heap* parent = heapman_mgr::find_locked(this)) {
       m_parent = parent;
-      heap** link = &parent->m_child;
-      while (*link != nullptr) link = &(*link)->m_sibling;
-      *link = this;
+      parent->append_child(this);
     }
   }
 }
@@ -338,11 +338,7 @@ void heap::init(const char* nm, size_t size, heFLAGS flags) {
   m_sibling = nullptr;
   m_parent = heapman_mgr::find_locked(this);
   if (m_parent == nullptr) m_parent = mainheap;
-  if (m_parent != nullptr) {
-    heap** link = &m_parent->m_child;
-    while (*link != nullptr) link = &(*link)->m_sibling;
-    *link = this;
-  }
+  if (m_parent != nullptr) m_parent->append_child(this);
   m_magic = live_magic;
   m_reserved = 0;
   m_regionSize = 0;
@@ -371,13 +367,7 @@ heap::~heap() {
   heap_lock lock;
   const bool root = this == mainheap;
   if (root) g_tearingDown = true;
-  while (m_child != nullptr) {
-    heap* child = m_child;
-    heap* following = child->m_sibling;
-    const bool linked = child->m_parent == this;
-    delete child;
-    if (!linked) m_child = following;  // a child that did not unlink itself (a copy's)
-  }
+  destroy_children();
   unlink();
   m_magic = 0;
   if (m_handle != nullptr) {
@@ -387,11 +377,11 @@ heap::~heap() {
       } else {
         kvos::heap_entry e;
         while (kvos::region_heap_walk(handle_of(m_handle), &e))
-          if (e.wFlags & kvos::heap_entry_region)
-            retire(reinterpret_cast<uintptr_t>(e.lpData), reinterpret_cast<uintptr_t>(e.lpData) + e.cbData);
+          if (e.flags & kvos::heap_entry_region)
+            retire(reinterpret_cast<uintptr_t>(e.data), reinterpret_cast<uintptr_t>(e.data) + e.size);
       }
     }
-    kvos::region_heap_destroy(handle_of(m_handle));
+    (void)kvos::region_heap_destroy(handle_of(m_handle));  // fails only for a null handle
   }
   m_handle = nullptr;
   m_base = nullptr;
@@ -402,6 +392,24 @@ heap::~heap() {
 void heap::name(const char* nm) {
   std::memset(m_name, 0, sizeof m_name);
   if (nm != nullptr) std::strncpy(m_name, nm, sizeof m_name - 1);
+}
+
+// Destroys every child; each unlinks itself on the way out.
+void heap::destroy_children() {
+  while (m_child != nullptr) {
+    heap* child = m_child;
+    heap* following = child->m_sibling;
+    const bool linked = child->m_parent == this;
+    delete child;
+    if (!linked) m_child = following;  // a child that did not unlink itself (a copy's)
+  }
+}
+
+// Adds a child at the end of the child list.
+void heap::append_child(heap* child) {
+  heap** link = &m_child;
+  while (*link != nullptr) link = &(*link)->m_sibling;
+  *link = child;
 }
 
 void heap::unlink() {
@@ -422,38 +430,32 @@ void* heap::first_address() {
     sys_abort("GetHeapFirstAddr failed");
     return nullptr;
   }
-  if ((first.wFlags & kvos::heap_entry_region) != 0) {
+  if ((first.flags & kvos::heap_entry_region) != 0) {
     kvos::heap_entry next = first;
-    if (kvos::region_heap_walk(handle_of(m_handle), &next) && next.wFlags == 0) {
+    if (kvos::region_heap_walk(handle_of(m_handle), &next) && next.flags == 0) {
       const uintptr_t address =
-          reinterpret_cast<uintptr_t>(next.lpData) + next.cbData - first.Region.dwCommittedSize;
+          reinterpret_cast<uintptr_t>(next.data) + next.size - first.region.committedSize;
       if (address != 0) return reinterpret_cast<void*>(address);
     }
   }
-  return reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(first.lpData) & ~uintptr_t(0xFFF));
+  return reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(first.data) & ~uintptr_t(0xFFF));
 }
 
 void heap::clear() {
   heap_lock lock;
-  while (m_child != nullptr) {
-    heap* child = m_child;
-    heap* following = child->m_sibling;
-    const bool linked = child->m_parent == this;
-    delete child;
-    if (!linked) m_child = following;
-  }
+  destroy_children();
   if ((m_flags & heWINHEAP) != 0) {
     // The new heap is made before the old one goes, so the handle is new too.
     void* old = m_handle;
     m_handle = kvos::region_heap_create(0);
-    if (old != nullptr) kvos::region_heap_destroy(handle_of(old));
+    if (old != nullptr) (void)kvos::region_heap_destroy(handle_of(old));  // fails only for a null handle
     return;
   }
   // Freeing during a walk is not allowed: collect first, then free.
   g_clearHelper.start();
   kvos::heap_entry e;
   while (kvos::region_heap_walk(handle_of(m_handle), &e))
-    if (e.wFlags & kvos::heap_entry_busy) g_clearHelper.add(e.lpData);
+    if (e.flags & kvos::heap_entry_busy) g_clearHelper.add(e.data);
   g_clearHelper.finish();
   for (;;) {
     void* address = g_clearHelper.next();
@@ -506,7 +508,7 @@ bool heap::belongs(const void* p) const { return heap_internals::belongs(this, p
 bool heap::holds_busy_block(const void* p) {
   kvos::heap_entry e;
   while (kvos::region_heap_walk(handle_of(m_handle), &e))
-    if ((e.wFlags & kvos::heap_entry_busy) != 0 && e.lpData == p) return true;
+    if ((e.flags & kvos::heap_entry_busy) != 0 && e.data == p) return true;
   return false;
 }
 
@@ -569,19 +571,19 @@ heap* heapman_mgr::owner_locked(const void* p) { return heap_internals::owner(p)
 
 heap* heapman_mgr::find(const void* p) {
   if (mainheap == nullptr) return nullptr;
-  heap_lock lock(true);
+  heap_lock lock(heap_path::hot);
   return find_locked(p);
 }
 
 void* heapman_mgr::allocator(heap* h, size_t n) {
   if (h == nullptr) return KvOperatorNew(n);
-  heap_lock lock(true);
+  heap_lock lock(heap_path::hot);
   return h->allocator(n);
 }
 
 void heapman_mgr::deallocator(void* p) {
   if (mainheap != nullptr) {
-    heap_lock lock(true);
+    heap_lock lock(heap_path::hot);
     if (heap* h = owner_locked(p)) {
       h->deallocator(p);
       return;
@@ -593,7 +595,7 @@ void heapman_mgr::deallocator(void* p) {
 void* heapman_mgr::reallocator(void* p, size_t n) {
   if (p == nullptr) return std::calloc(n, 1);
   if (mainheap != nullptr) {
-    heap_lock lock(true);
+    heap_lock lock(heap_path::hot);
     if (heap* h = owner_locked(p)) return h->reallocator(p, n);
   }
   return std::realloc(p, n);
@@ -601,7 +603,7 @@ void* heapman_mgr::reallocator(void* p, size_t n) {
 
 size_t heapman_mgr::get_size(void* p) {
   if (mainheap != nullptr) {
-    heap_lock lock(true);
+    heap_lock lock(heap_path::hot);
     if (heap* h = owner_locked(p)) return h->get_size(p);
   }
   return kvos::runtime_block_size(p);
@@ -633,7 +635,7 @@ void* heapman_mgr::tracked_allocate(heap* h, size_t n, const char* file, int lin
   }
   void* p = nullptr;
   {
-    heap_lock lock(true);
+    heap_lock lock(heap_path::hot);
     heap::call_addr = caller;
     g_creatorFile = file;
     g_creatorLine = line;
@@ -648,7 +650,7 @@ void* heapman_mgr::tracked_allocate(heap* h, size_t n, const char* file, int lin
 
 void heapman_mgr::tracked_delete(void* p, void* caller) {
   if (mainheap != nullptr) {
-    heap_lock lock(true);
+    heap_lock lock(heap_path::hot);
     if (heap* h = heap_internals::owner(p)) {
       heap::call_addr = caller;
       heap_internals::release(h, p);
@@ -756,8 +758,8 @@ void heap::check() {
     // would have written over it.
     kvos::heap_entry e;
     while (kvos::region_heap_walk(handle_of(m_handle), &e)) {
-      if ((e.wFlags & kvos::heap_entry_busy) == 0 || e.cbData < kRecord) continue;
-      if (static_cast<const heap_record*>(e.lpData)->guard != heap_record_guard) check_abort("guard", e.lpData);
+      if ((e.flags & kvos::heap_entry_busy) == 0 || e.size < kRecord) continue;
+      if (static_cast<const heap_record*>(e.data)->guard != heap_record_guard) check_abort("guard", e.data);
     }
   }
   for (heap* child = m_child; child != nullptr; child = child->m_sibling) child->check();
@@ -788,8 +790,8 @@ void heap::mark_cur_allocs() {
   if ((m_flags & heWINHEAP) == 0) {
     kvos::heap_entry e;
     while (kvos::region_heap_walk(handle_of(m_handle), &e))
-      if ((e.wFlags & kvos::heap_entry_busy) != 0 && e.cbData >= kRecord)
-        static_cast<heap_record*>(e.lpData)->state |= heap_record_marked;
+      if ((e.flags & kvos::heap_entry_busy) != 0 && e.size >= kRecord)
+        static_cast<heap_record*>(e.data)->state |= heap_record_marked;
   }
   for (heap* child = m_child; child != nullptr; child = child->m_sibling) child->mark_cur_allocs();
 }
@@ -808,23 +810,23 @@ void heap::dump_cur_allocs() {
   bool listed = false;
   kvos::heap_entry e;
   while (kvos::region_heap_walk(handle_of(m_handle), &e)) {
-    if ((e.wFlags & kvos::heap_entry_busy) == 0) continue;
+    if ((e.flags & kvos::heap_entry_busy) == 0) continue;
     std::string line;
     const unsigned char* user;
     size_t size;
     if (plain) {
-      line = format("{99999} normal block at 0x%s, %d bytes long.\n", pointer_text(e.lpData).c_str(), static_cast<int>(e.cbData));
-      user = static_cast<const unsigned char*>(e.lpData);
-      size = e.cbData;
+      line = format("{99999} normal block at 0x%s, %d bytes long.\n", pointer_text(e.data).c_str(), static_cast<int>(e.size));
+      user = static_cast<const unsigned char*>(e.data);
+      size = e.size;
     } else {
-      if (e.cbData < kRecord) continue;
-      const heap_record* record = static_cast<const heap_record*>(e.lpData);
+      if (e.size < kRecord) continue;
+      const heap_record* record = static_cast<const heap_record*>(e.data);
       if ((record->state & heap_record_marked) != 0) continue;
-      size = e.cbData - kRecord;
+      size = e.size - kRecord;
       line = format("%s(%d) : {99999} normal block at 0x%s, %d bytes long.\n", record->file, record->line,
-                    pointer_text(e.lpData).c_str(),
+                    pointer_text(e.data).c_str(),
                     static_cast<int>(size));
-      user = static_cast<const unsigned char*>(e.lpData) + kRecord;
+      user = static_cast<const unsigned char*>(e.data) + kRecord;
     }
     if (!listed) {
       out(std::string("Korvalis heap: ") + m_name + "\n\n");
@@ -843,15 +845,15 @@ void heap::debug_print(char* line, int level) {
   const bool plain = (m_flags & heWINHEAP) != 0;
   kvos::heap_entry e;
   while (kvos::region_heap_walk(handle_of(m_handle), &e)) {
-    if (e.wFlags == 0) {
-      freeBytes += e.cbData;
-      overhead += e.cbOverhead;
-    } else if ((e.wFlags & kvos::heap_entry_region) != 0) {
-      overhead += e.cbOverhead;
-      committed += e.Region.dwCommittedSize;
-    } else if ((e.wFlags & kvos::heap_entry_busy) != 0) {
-      uint64_t size = e.cbData;
-      uint64_t blockOverhead = e.cbOverhead;
+    if (e.flags == 0) {
+      freeBytes += e.size;
+      overhead += e.overhead;
+    } else if ((e.flags & kvos::heap_entry_region) != 0) {
+      overhead += e.overhead;
+      committed += e.region.committedSize;
+    } else if ((e.flags & kvos::heap_entry_busy) != 0) {
+      uint64_t size = e.size;
+      uint64_t blockOverhead = e.overhead;
       if (!plain) {
         size -= kRecord;
         blockOverhead = static_cast<uint8_t>(blockOverhead + kRecord);

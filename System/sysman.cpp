@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstdio>
+#include <utility>
 
 #include "ConsoleWindow.h"
 #include "DebugManager.h"
@@ -203,8 +204,13 @@ void SysManager::SetKorvalisVersion(const std::string& version) { m_VersionStrin
 file_timestamp SysManager::Time() {
   const kvos::CalendarTime now = kvos::local_time_now();
   int64_t fileTime = 0;
+  uint16_t date = 0;
+  uint16_t time = 0;
   file_timestamp stamp;
-  if (kvos::calendar_to_file_time(now, fileTime)) kvos::file_time_to_dos(fileTime, stamp.date, stamp.time);
+  if (kvos::calendar_to_file_time(now, fileTime) && kvos::file_time_to_dos(fileTime, date, time)) {
+    stamp.date = date;
+    stamp.time = time;
+  }
   return stamp;
 }
 
@@ -256,6 +262,42 @@ std::string directory_of(const std::string& path) {
   return ".";
 }
 
+// A temporary file written in place of its target: closed and deleted on every
+// way out unless commit() has moved it over the target.
+class temp_file_guard {
+ public:
+  explicit temp_file_guard(std::string name) : m_name(std::move(name)) {}
+  ~temp_file_guard() {
+    // Only failure paths get here with work left; their failure is already reported.
+    if (m_file != kvos::kInvalidFile) (void)kvos::file_close(m_file);
+    if (!m_committed) (void)kvos::file_delete(m_name);
+  }
+  temp_file_guard(const temp_file_guard&) = delete;
+  temp_file_guard& operator=(const temp_file_guard&) = delete;
+
+  bool create() {
+    m_file = kvos::file_open(m_name, kvos::kFileCreateAlways);
+    return m_file != kvos::kInvalidFile;
+  }
+  kvos::file_t file() const { return m_file; }
+  const std::string& name() const { return m_name; }
+
+  // Syncs (the data must be on disk before the target's name points at it),
+  // closes and moves the file over target; false when any step failed.
+  bool commit(const std::string& target) {
+    const bool synced = kvos::file_sync(m_file);
+    const bool closed = kvos::file_close(m_file);
+    m_file = kvos::kInvalidFile;
+    m_committed = synced && closed && kvos::file_replace(m_name, target);
+    return m_committed;
+  }
+
+ private:
+  std::string m_name;
+  kvos::file_t m_file = kvos::kInvalidFile;
+  bool m_committed = false;
+};
+
 }  // namespace
 
 SysManager::InitializationErrorHandler SysManager::SetInitializationErrorHandler(
@@ -306,7 +348,7 @@ void SysManager::ConfigureConsole() {
   CSL::ConsoleWindow::SetTitle("SysManager Debug");
   static bool handlerInstalled = false;
   if (CSL::ConsoleWindow::IsInitialized() && !handlerInstalled) {
-    kvos::console_restore_ctrl_c();
+    (void)kvos::console_restore_ctrl_c();  // fails only without a console, which IsInitialized ruled out
     handlerInstalled = kvos::console_set_ctrl_handler(swallow_console_event, true);
   }
 }
@@ -317,7 +359,7 @@ void SysManager::Sleep(int ms) { kvos::sleep_ms(ms < 0 ? kvos::kWaitForever : st
 
 uint64_t SysManager::DiskSpace(const char* path) {
   uint64_t available = 0;
-  if (path != nullptr) kvos::disk_free_space(path, available);
+  if (path != nullptr && !kvos::disk_free_space(path, available)) available = 0;
   return available;
 }
 
@@ -355,69 +397,59 @@ bool SysManager::FileRead(const char* path, SysFileioBuffer* list, uint64_t* pac
   if (path == nullptr) return true;
   const kvos::file_t file = kvos::file_open(path, kvos::kFileReadExisting);
   if (file == kvos::kInvalidFile) return true;  // a missing file is not an error here
+  // Opened for reading: a failing close loses nothing, so only the reads decide.
+  const auto finish = [file](bool result) {
+    (void)kvos::file_close(file);
+    return result;
+  };
   for (SysFileioBuffer* buffer = list; buffer != nullptr && buffer->data != nullptr; ++buffer) {
     uint64_t done = 0;
     if (!kvos::file_seek(file, buffer->offset & 0xFFFFFFFFu) ||
-        !kvos::file_read(file, buffer->data, buffer->size, done) || done != buffer->size) {
-      kvos::file_close(file);
-      return false;
-    }
+        !kvos::file_read(file, buffer->data, buffer->size, done) || done != buffer->size)
+      return finish(false);
   }
   if (packedTime != nullptr) {
     int64_t utc = 0;
     uint64_t packed = 0;
     if (!kvos::file_get_time(file, utc) || !utc_to_packed(utc, packed)) {
       Debug(dbgCSL, "Error on converting or reading file time.\n");
-      kvos::file_close(file);
-      return false;
+      return finish(false);
     }
     *packedTime = packed;
   }
-  kvos::file_close(file);
-  return true;
+  return finish(true);
 }
 
 bool SysManager::FileWrite(const char* path, SysFileioBuffer* list, uint64_t packedTime) {
   if (path == nullptr) return false;
   const std::string directory = directory_of(path);
-  std::string temp;
-  if (!kvos::file_temp_name(directory, "kvc", 0, temp)) {
+  std::string tempName;
+  if (!kvos::file_temp_name(directory, "kvc", 0, tempName)) {
     Debug(dbgCSL, "\nFailed writing %s:\nfailed GetTempFileName on dir %s\n", path, directory.c_str());
     return false;
   }
-  const kvos::file_t file = kvos::file_open(temp, kvos::kFileCreateAlways);
-  if (file == kvos::kInvalidFile) {
-    Debug(dbgCSL, "\nFailed writing %s:\ncouldn't create temp file %s\n", path, temp.c_str());
-    kvos::file_delete(temp);
+  temp_file_guard temp(tempName);
+  if (!temp.create()) {
+    Debug(dbgCSL, "\nFailed writing %s:\ncouldn't create temp file %s\n", path, tempName.c_str());
     return false;
   }
   unsigned index = 0;
   for (SysFileioBuffer* buffer = list; buffer != nullptr && buffer->data != nullptr; ++buffer, ++index) {
     uint64_t done = 0;
-    if (!kvos::file_seek(file, buffer->offset & 0xFFFFFFFFu) ||
-        !kvos::file_write(file, buffer->data, buffer->size, done) || done != buffer->size) {
+    if (!kvos::file_seek(temp.file(), buffer->offset & 0xFFFFFFFFu) ||
+        !kvos::file_write(temp.file(), buffer->data, buffer->size, done) || done != buffer->size) {
       Debug(dbgCSL, "\nFailed writing %s\n(temp file %s)\nbuffer %u: failed setting file pointer\n", path,
-            temp.c_str(), index);
-      kvos::file_close(file);
-      kvos::file_delete(temp);
+            tempName.c_str(), index);
       return false;
     }
   }
-  if (packedTime != 0) {
-    int64_t utc = 0;
-    if (!packed_to_utc(packedTime, utc) || !kvos::file_set_time(file, utc)) {
-      Debug(dbgCSL, "\nFailed writing %s\n(temp file %s): couldn't set time\n", path, temp.c_str());
-      kvos::file_close(file);
-      kvos::file_delete(temp);
-      return false;
-    }
+  int64_t utc = 0;
+  if (packedTime != 0 && (!packed_to_utc(packedTime, utc) || !kvos::file_set_time(temp.file(), utc))) {
+    Debug(dbgCSL, "\nFailed writing %s\n(temp file %s): couldn't set time\n", path, tempName.c_str());
+    return false;
   }
-  // The data must be on disk before the target's name points at it.
-  const bool synced = kvos::file_sync(file);
-  const bool closed = kvos::file_close(file);
-  if (!synced || !closed || !kvos::file_replace(temp, path)) {
-    Debug(dbgCSL, "\nFailed writing %s:\ncouldn't move temp file %s\n", path, temp.c_str());
-    kvos::file_delete(temp);
+  if (!temp.commit(path)) {
+    Debug(dbgCSL, "\nFailed writing %s:\ncouldn't move temp file %s\n", path, tempName.c_str());
     return false;
   }
   return true;

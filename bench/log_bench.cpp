@@ -8,6 +8,7 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 
@@ -32,7 +33,7 @@ struct BenchDirectory {
     host = fs::temp_directory_path(ec) /
            (std::string(name) + "-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
     fs::create_directories(host, ec);
-    kvos::host_to_dos(host.string(), dos);
+    if (!kvos::host_to_dos(host.string(), dos)) throw std::runtime_error("the scratch directory has no DOS name");
   }
   ~BenchDirectory() {
     std::error_code ec;

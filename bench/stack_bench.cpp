@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 
 #include "StackWriter.h"
@@ -40,7 +41,7 @@ struct Scratch {
   Scratch() {
     host = std::filesystem::temp_directory_path() / ("kvbench-stack-" + std::to_string(::getpid()));
     std::filesystem::create_directories(host);
-    kvos::host_to_dos(host.string(), dos);
+    if (!kvos::host_to_dos(host.string(), dos)) throw std::runtime_error("the scratch directory has no DOS name");
     std::ifstream own(kvos::executable_path() + ".map", std::ios::binary);
     std::string text((std::istreambuf_iterator<char>(own)), std::istreambuf_iterator<char>());
     size_t symbols = 0;

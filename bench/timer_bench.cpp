@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -65,7 +66,7 @@ struct Target {
     dir = std::filesystem::temp_directory_path() / ("kvbench-" + std::to_string(getpid()));
     std::filesystem::create_directories(dir);
     host = (dir / "target.bin").string();
-    kvos::host_to_dos(host, dos);
+    if (!kvos::host_to_dos(host, dos)) throw std::runtime_error("the scratch directory has no DOS name");
   }
   ~Target() {
     std::error_code error;

@@ -38,9 +38,30 @@ class DLlist;
 class DLlistIter;
 struct DLlistCore;
 
+// The class-level allocation functions of list elements and hash keys: the
+// runtime library (zero-filled) or a tracked heap, and always the library's
+// release, whichever module writes the new- or delete-expression.
+class KVCORE_API HeapAllocated {
+ public:
+  static void* operator new(std::size_t n);
+  static void* operator new(std::size_t n, const std::nothrow_t&) noexcept;
+  static void* operator new(std::size_t n, heap* h, const char* file, int line);
+  static void* operator new(std::size_t n, _FindHeap* near, const char* file, int line);
+  static void* operator new(std::size_t, void* place) noexcept { return place; }
+  static void operator delete(void* p) noexcept;
+  static void operator delete(void* p, const std::nothrow_t&) noexcept;
+  static void operator delete(void* p, heap* h, const char* file, int line) noexcept;
+  static void operator delete(void* p, _FindHeap* near, const char* file, int line) noexcept;
+  static void operator delete(void*, void*) noexcept {}
+
+ protected:
+  HeapAllocated() = default;
+  ~HeapAllocated() = default;
+};
+
 // An element of a DLlist. Derive from it; override DupElt to make the element
 // copyable through DupTree, DLlist::Copy and DLlist::InsertEnd(const DLlist&).
-class KVCORE_API DLlistElt {
+class KVCORE_API DLlistElt : public HeapAllocated {
  public:
   DLlistElt() : prev(nullptr), next(nullptr), parent(nullptr) {}
   // Copies the three links as they are: the copy claims to be linked where
@@ -68,18 +89,6 @@ class KVCORE_API DLlistElt {
   // The outermost list above this element (this list itself when it is an
   // outermost list); null for an element in no list.
   DLlist* TreeTop() const;
-
-  // Allocation: the runtime library (zero-filled) or a tracked heap.
-  static void* operator new(std::size_t n);
-  static void* operator new(std::size_t n, const std::nothrow_t&) noexcept;
-  static void* operator new(std::size_t n, heap* h, const char* file, int line);
-  static void* operator new(std::size_t n, _FindHeap* near, const char* file, int line);
-  static void* operator new(std::size_t, void* place) noexcept { return place; }
-  static void operator delete(void* p) noexcept;
-  static void operator delete(void* p, const std::nothrow_t&) noexcept;
-  static void operator delete(void* p, heap* h, const char* file, int line) noexcept;
-  static void operator delete(void* p, _FindHeap* near, const char* file, int line) noexcept;
-  static void operator delete(void*, void*) noexcept {}
 
  protected:
   DLlistElt* Prev() const { return prev; }
@@ -264,7 +273,7 @@ class KVCORE_API DLlistIter {
 
 // A key stored in a HashTab. Derived classes supply the hash value (a
 // non-negative int) and the equality test.
-class KVCORE_API HashElt {
+class KVCORE_API HashElt : public HeapAllocated {
  public:
   HashElt() = default;
   HashElt(const HashElt&) = default;
@@ -277,18 +286,6 @@ class KVCORE_API HashElt {
   bool operator==(HashElt* other) { return Equal(*other); }
   bool operator!=(HashElt& other) { return !Equal(other); }
   bool operator!=(HashElt* other) { return !Equal(*other); }
-
-  // Allocation, as for list elements.
-  static void* operator new(std::size_t n);
-  static void* operator new(std::size_t n, const std::nothrow_t&) noexcept;
-  static void* operator new(std::size_t n, heap* h, const char* file, int line);
-  static void* operator new(std::size_t n, _FindHeap* near, const char* file, int line);
-  static void* operator new(std::size_t, void* place) noexcept { return place; }
-  static void operator delete(void* p) noexcept;
-  static void operator delete(void* p, const std::nothrow_t&) noexcept;
-  static void operator delete(void* p, heap* h, const char* file, int line) noexcept;
-  static void operator delete(void* p, _FindHeap* near, const char* file, int line) noexcept;
-  static void operator delete(void*, void*) noexcept {}
 
  protected:
   friend class HashTab;

@@ -136,6 +136,8 @@ class KVCORE_API heap {
  private:
   friend class heapman_mgr;
   friend struct heap_internals;
+  void destroy_children();
+  void append_child(heap* child);
   void unlink();
   void* first_address();
   bool holds_busy_block(const void* p);

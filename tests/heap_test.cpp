@@ -39,7 +39,7 @@ std::vector<void*> busy_blocks(const heap* h) {
   std::vector<void*> blocks;
   kvos::heap_entry e;
   while (kvos::region_heap_walk(static_cast<kvos::region_heap>(h->get_handle()), &e))
-    if (e.wFlags & kvos::heap_entry_busy) blocks.push_back(e.lpData);
+    if (e.flags & kvos::heap_entry_busy) blocks.push_back(e.data);
   return blocks;
 }
 

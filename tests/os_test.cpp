@@ -18,8 +18,8 @@ namespace {
 
 // Sets the time zone for a scope.
 struct ZoneScope {
-  explicit ZoneScope(const char* zone) : had(kvos::env_get("TZ", &old)) { kvos::env_set("TZ", zone); }
-  ~ZoneScope() { kvos::env_set("TZ", had ? old.c_str() : nullptr); }
+  explicit ZoneScope(const char* zone) : had(kvos::env_get("TZ", &old)) { EXPECT_TRUE(kvos::env_set("TZ", zone)); }
+  ~ZoneScope() { EXPECT_TRUE(kvos::env_set("TZ", had ? old.c_str() : nullptr)); }
   std::string old;
   bool had;
 };

@@ -41,11 +41,11 @@ TEST(OsCompletions, RunOnlyDuringAlertableWaitsOfTheirThreadInOrder) {
   EXPECT_GE(ms_since(start), 20);
 
   // An alertable event wait ends with a completion too.
-  self.queue_completion([&] { ran.push_back(3); });
+  EXPECT_TRUE(self.queue_completion([&] { ran.push_back(3); }));
   EXPECT_EQ(never.wait(1000, true), kvos::kWaitCompletion);
   // A routine that throws leaves the rest queued.
-  self.queue_completion([] { throw std::runtime_error("routine failed"); });
-  self.queue_completion([&] { ran.push_back(4); });
+  EXPECT_TRUE(self.queue_completion([] { throw std::runtime_error("routine failed"); }));
+  EXPECT_TRUE(self.queue_completion([&] { ran.push_back(4); }));
   EXPECT_THROW(kvos::sleep_ms(0, true), std::runtime_error);
   EXPECT_EQ(ran, (std::vector<int>{1, 2, 3}));
   EXPECT_TRUE(kvos::sleep_ms(0, true) == kvos::kWaitCompletion && ran.size() == 4);
@@ -150,7 +150,7 @@ TEST(OsWaitableTimer, CompletionIsQueuedToTheArmingThreadAndWakesItsAlertableSle
   kvos::Event armed(true), mayWait(true);
   kvos::Thread worker([&] {
     const kvos::ThreadRef self = kvos::ThreadRef::current();
-    timer.arm(in_ms(30), [&, self] { onWorker = kvos::ThreadRef::current() == self; });
+    EXPECT_TRUE(timer.arm(in_ms(30), [&, self] { onWorker = kvos::ThreadRef::current() == self; }));
     armed.set();
     mayWait.wait(kvos::kWaitForever);
     const auto start = Clock::now();

@@ -34,17 +34,17 @@ WalkTotals walk(region_heap h, const Model* model = nullptr) {
   heap_entry e;
   size_t committed = 0, accounted = 0;
   while (kvos::region_heap_walk(h, &e)) {
-    if (e.wFlags & kvos::heap_entry_region) {
+    if (e.flags & kvos::heap_entry_region) {
       if (t.regions++ > 0 && committed != accounted) t.accountsForCommitted = false;
-      committed = e.Region.dwCommittedSize;
-      accounted = e.cbOverhead;
-    } else if (!(e.wFlags & kvos::heap_entry_uncommitted_range)) {
-      accounted += e.cbData + e.cbOverhead;
-      const bool busy = (e.wFlags & kvos::heap_entry_busy) != 0;
+      committed = e.region.committedSize;
+      accounted = e.overhead;
+    } else if (!(e.flags & kvos::heap_entry_uncommitted_range)) {
+      accounted += e.size + e.overhead;
+      const bool busy = (e.flags & kvos::heap_entry_busy) != 0;
       (busy ? t.busy : t.freeBlocks) += 1;
       if (busy && model != nullptr) {
-        auto it = model->find(static_cast<char*>(e.lpData));
-        if (it == model->end() || it->second.first != e.cbData) t.busyMatchModel = false;
+        auto it = model->find(static_cast<char*>(e.data));
+        if (it == model->end() || it->second.first != e.size) t.busyMatchModel = false;
       }
     }
   }
@@ -128,7 +128,7 @@ char* alloc(region_heap h, size_t n) { return static_cast<char*>(kvos::region_he
 // The committed size of a heap's first region.
 size_t committed(region_heap h) {
   heap_entry e;
-  return kvos::region_heap_walk(h, &e) ? e.Region.dwCommittedSize : 0;
+  return kvos::region_heap_walk(h, &e) ? e.region.committedSize : 0;
 }
 
 class RegionHeap : public ::testing::Test {
@@ -151,16 +151,16 @@ TEST_F(RegionHeap, RandomSequencesAgreeWithTheModel) {
 TEST_F(RegionHeap, FixedHeapIsOneReservedRange) {
   heap_entry e;
   ASSERT_TRUE(kvos::region_heap_walk(fixed, &e));
-  char* const base = static_cast<char*>(e.lpData);  // the first address of the reservation
-  EXPECT_EQ(e.Region.dwCommittedSize + e.Region.dwUnCommittedSize, size_t(64) << 20);
-  const size_t committed = e.Region.dwCommittedSize;
+  char* const base = static_cast<char*>(e.data);  // the first address of the reservation
+  EXPECT_EQ(e.region.committedSize + e.region.uncommittedSize, size_t(64) << 20);
+  const size_t committed = e.region.committedSize;
   EXPECT_LT(committed, size_t(1) << 20) << "pages are committed as needed, not up front";
   // A fresh heap: one free block over the committed part, then the uncommitted rest.
   ASSERT_TRUE(kvos::region_heap_walk(fixed, &e));
-  EXPECT_EQ(static_cast<char*>(e.lpData) + e.cbData - committed, base) << "the free block ends where the committed part does";
+  EXPECT_EQ(static_cast<char*>(e.data) + e.size - committed, base) << "the free block ends where the committed part does";
   ASSERT_TRUE(kvos::region_heap_walk(fixed, &e));
-  EXPECT_EQ(e.wFlags, kvos::heap_entry_uncommitted_range);
-  EXPECT_EQ(static_cast<char*>(e.lpData), base + committed);
+  EXPECT_EQ(e.flags, kvos::heap_entry_uncommitted_range);
+  EXPECT_EQ(static_cast<char*>(e.data), base + committed);
   EXPECT_FALSE(kvos::region_heap_walk(fixed, &e));
 
   // Blocks stay inside the range until it is full; then allocation fails.

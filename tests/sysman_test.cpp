@@ -354,14 +354,12 @@ TEST(SysManagerInitialize, AFailureIsReportedAndRethrownARetryRecordsTheExecutab
     SysManager::SetInitializationErrorHandler(record_initialization_error);
     const int drive = std::tolower(static_cast<unsigned char>(dos_path(kvos::executable_path())[0]));
     const std::string root = kvos::drive_root(drive);
-    kvos::drive_unmap(drive);  // the executable now lies on no drive
+    if (!kvos::drive_unmap(drive)) return 10;  // the executable now lies on no drive
     if (kvtest::raised([] { SysManager::Initialize(); }) !=
         failure.substr(30) + " @ 142 | void __cdecl SysManager::GetExeFileName(void)")
       return 2;
     if (SysManager::m_initialized != 0 || g_reported != failure) return 3;
-    kvos::drive_map(drive, root);
-    kvos::env_set("tz", "XYZ+5");
-    kvos::env_set("TZ", "ABC-3");
+    if (!kvos::drive_map(drive, root) || !kvos::env_set("tz", "XYZ+5") || !kvos::env_set("TZ", "ABC-3")) return 10;
     const int64_t before = kvos::system_file_time();
     SysManager::Initialize();
     if (kvos::env_get("tz") || kvos::env_get("TZ")) return 4;
@@ -372,7 +370,7 @@ TEST(SysManagerInitialize, AFailureIsReportedAndRethrownARetryRecordsTheExecutab
     if (SysManager::gSystemStartTime < before || SysManager::gSystemStartTime > kvos::system_file_time()) return 7;
     SystemAlertListener* listener = ProcessManager::m_listener;
     const int64_t started = SysManager::gSystemStartTime;
-    kvos::env_set("TZ", "ABC-3");
+    if (!kvos::env_set("TZ", "ABC-3")) return 10;
     SysManager::Initialize();  // already done: nothing changes
     if (listener == nullptr || SysManager::gSystemStartTime != started || ProcessManager::m_listener != listener ||
         !kvos::env_get("TZ"))

@@ -33,8 +33,8 @@ int loader_blocks() {
   kvos::heap_entry e;
   auto* handle = static_cast<kvos::region_heap>(mainheap->get_handle());
   while (kvos::region_heap_walk(handle, &e)) {
-    if ((e.wFlags & kvos::heap_entry_busy) == 0) continue;
-    const auto* record = static_cast<const heap_record*>(e.lpData);
+    if ((e.flags & kvos::heap_entry_busy) == 0) continue;
+    const auto* record = static_cast<const heap_record*>(e.data);
     if (record->file != nullptr && std::strcmp(record->file, "System/TackHand") == 0) ++count;
   }
   return count;

@@ -58,8 +58,8 @@ class DriveQ : public ::testing::Test {
   }
   void TearDown() override {
     std::filesystem::current_path(cwd_);
-    for (const auto& mapping : kvos::drive_list()) kvos::drive_unmap(mapping.first);
-    for (const auto& [letter, root] : table_) kvos::drive_map(letter, root);
+    for (const auto& mapping : kvos::drive_list()) EXPECT_TRUE(kvos::drive_unmap(mapping.first));
+    for (const auto& [letter, root] : table_) EXPECT_TRUE(kvos::drive_map(letter, root));
     kvos::network_root_set(network_);
   }
   // Creates a directory below q:'s root; its host path.

@@ -218,11 +218,13 @@ int run_in_child(const std::function<int()>& body) {
   startup.hStdOutput = nul;
   startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
   PROCESS_INFORMATION child{};
-  kvos::env_set("KVTEST_CHILD", call.c_str());
-  kvos::env_set("KVTEST_CHILD_RESULTS", joined(results).c_str());
-  kvos::env_set("KVTEST_CHILD_DIRS", joined(state.dirs).c_str());
+  if (!kvos::env_set("KVTEST_CHILD", call.c_str()) || !kvos::env_set("KVTEST_CHILD_RESULTS", joined(results).c_str()) ||
+      !kvos::env_set("KVTEST_CHILD_DIRS", joined(state.dirs).c_str()))
+    throw std::runtime_error("the child's variables cannot be set");
   const BOOL started = CreateProcessA(program, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child);
-  for (const char* name : {"KVTEST_CHILD", "KVTEST_CHILD_RESULTS", "KVTEST_CHILD_DIRS"}) kvos::env_set(name, nullptr);
+  // Removing a variable that was set just now does not fail.
+  for (const char* name : {"KVTEST_CHILD", "KVTEST_CHILD_RESULTS", "KVTEST_CHILD_DIRS"})
+    (void)kvos::env_set(name, nullptr);
   CloseHandle(nul);
   if (!started) throw std::runtime_error("the child process cannot be started");
   WaitForSingleObject(child.hProcess, INFINITE);
@@ -257,17 +259,17 @@ int run_program(const std::string& program, const std::vector<std::string>& argu
   auto set = [&saved](const std::string& name, const std::string& value) {
     std::string old;
     saved.emplace_back(name, kvos::env_get(name.c_str(), &old) ? old : std::string(1, '\0'));
-    kvos::env_set(name.c_str(), value.c_str());
+    if (!kvos::env_set(name.c_str(), value.c_str())) throw std::runtime_error("cannot set " + name);
   };
   for (const auto& [name, value] : environment) set(name, value);
   std::string path;
-  kvos::env_get("PATH", &path);
+  (void)kvos::env_get("PATH", &path);  // without a PATH the program's directory is the whole search path
   set("PATH", std::filesystem::path(kvos::executable_path()).parent_path().string() + ";" + path);
   PROCESS_INFORMATION child{};
   const BOOL started = CreateProcessA(program.c_str(), command.data(), nullptr, nullptr, TRUE, 0, nullptr,
                                       directory.empty() ? nullptr : directory.c_str(), &startup, &child);
-  for (auto it = saved.rbegin(); it != saved.rend(); ++it)
-    kvos::env_set(it->first.c_str(), it->second == std::string(1, '\0') ? nullptr : it->second.c_str());
+  for (auto it = saved.rbegin(); it != saved.rend(); ++it)  // putting back what was there does not fail
+    (void)kvos::env_set(it->first.c_str(), it->second == std::string(1, '\0') ? nullptr : it->second.c_str());
   CloseHandle(startup.hStdOutput);
   CloseHandle(startup.hStdError);
   if (!started) return -1;

@@ -34,17 +34,17 @@ struct HostFileInfo {
 // Looks at what `path` names, following links. False, with the reason in
 // `error`, when that cannot be told: a directory on the way is missing or may
 // not be searched, links form a loop.
-bool host_file_info(const std::string& path, HostFileInfo& info, std::string& error);
+[[nodiscard]] bool host_file_info(const std::string& path, HostFileInfo& info, std::string& error);
 
 // Reads a whole regular file. `progress`, when given, is called after each
 // piece with the bytes read so far and the file's size. False, with the reason
 // in `error`, when the file cannot be opened or read, or is not a regular file
 // (a named pipe is refused without waiting for a writer).
-bool host_file_read(const std::string& path, std::string& data, std::string& error,
-                    const std::function<void(uint64_t done, uint64_t total)>& progress = {});
+[[nodiscard]] bool host_file_read(const std::string& path, std::string& data, std::string& error,
+                                  const std::function<void(uint64_t done, uint64_t total)>& progress = {});
 
 // Whether the process's standard error is a terminal (where progress may be shown).
-bool host_stderr_is_terminal();
+[[nodiscard]] bool host_stderr_is_terminal();
 
 // An exclusive advisory lock that serialises read-modify-write of a file
 // among the programs that take it. It covers the file's directory, so that it
@@ -59,7 +59,7 @@ class HostUpdateLock {
 
   // Waits for the lock of the file at `target` (absolute, links followed:
   // HostFileInfo::target). False, with the reason in `error`, when it cannot be taken.
-  bool acquire(const std::string& target, std::string& error);
+  [[nodiscard]] bool acquire(const std::string& target, std::string& error);
   void release();
 
  private:

@@ -13,8 +13,6 @@ constexpr int kMaxHandlers = 8;
 
 std::atomic<bool> g_allocated{false};
 std::mutex g_mutex;
-std::string g_title;
-bool g_titleSet = false;
 std::atomic<ConsoleCtrlHandler> g_handlers[kMaxHandlers];  // oldest first
 
 }  // namespace
@@ -35,8 +33,6 @@ bool console_allocate(std::string& inputDevice, std::string& outputDevice) {
   return true;
 }
 
-bool console_allocated() { return g_allocated.load(); }
-
 void* console_window() { return g_allocated.load() ? console_system::window() : nullptr; }
 
 bool console_set_title(const std::string& title) {
@@ -44,18 +40,7 @@ bool console_set_title(const std::string& title) {
   std::string clean;
   for (char c : title)
     if (static_cast<unsigned char>(c) >= 0x20 && c != 0x7F) clean += c;
-  if (!console_system::set_title(clean)) return false;
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_title = clean;
-  g_titleSet = true;
-  return true;
-}
-
-bool console_get_title(std::string& title) {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  if (!g_titleSet) return false;
-  title = g_title;
-  return true;
+  return console_system::set_title(clean);
 }
 
 bool console_show_window(bool show) { return console_window() != nullptr && console_system::show_window(show); }

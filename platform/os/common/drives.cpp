@@ -413,10 +413,10 @@ bool dos_chdir(const std::string& dos) {
   if (!dos_to_host(dos, host)) return false;
   const int before = drive_current();
   std::string beforeDos;
-  if (before != 0) drive_getcwd(before, beforeDos);
+  const bool known = before != 0 && drive_getcwd(before, beforeDos);
   if (!sys::change_directory(host)) return false;
   const int after = drive_current();
-  if (before != 0 && before != after) table().remember(before, beforeDos);
+  if (known && before != after) table().remember(before, beforeDos);
   return true;
 }
 

@@ -23,8 +23,6 @@ void pump_install(const MessagePumpHooks* hooks) {
   g_hooks = hooks != nullptr && hooks->peek != nullptr ? *hooks : MessagePumpHooks{};
 }
 
-bool pump_installed() { return hooks().peek != nullptr; }
-
 bool pump_peek() {
   const MessagePumpHooks h = hooks();
   return h.peek != nullptr ? h.peek(h.context) : system_pump::peek();

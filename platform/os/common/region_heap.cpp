@@ -683,7 +683,7 @@ void* region_heap_realloc(region_heap h, void* p, size_t n) {
   void* moved = region_heap_alloc(h, n);
   if (moved == nullptr) return nullptr;
   std::memcpy(moved, p, oldSize);
-  region_heap_free(h, p);
+  (void)region_heap_free(h, p);  // p was checked as a busy block above, so this cannot fail
   return moved;
 }
 
@@ -783,7 +783,7 @@ bool region_heap_walk(region_heap h, heap_entry* e) {
   if (!valid_heap(h) || e == nullptr) return fail(heap_error_invalid_parameter, false);
   Segment* s = nullptr;
   void* next = nullptr;
-  if (e->lpData == nullptr) {
+  if (e->data == nullptr) {
     s = h->segments;
     next = kWalkSegmentDone;  // emit s's region entry below
     e->walkSegment = nullptr;
@@ -796,28 +796,28 @@ bool region_heap_walk(region_heap h, heap_entry* e) {
   }
   if (next == kWalkSegmentDone) {
     if (s == nullptr) return fail(heap_error_no_more_items, false);
-    e->lpData = s->base;
-    e->cbData = static_cast<size_t>(s->end - s->base);
-    e->cbOverhead = static_cast<uint32_t>(cp(s->first) - s->base);
-    e->iRegionIndex = static_cast<uint8_t>(s->index);
-    e->wFlags = heap_entry_region;
-    e->Region.dwCommittedSize = static_cast<size_t>(s->commitEnd - s->base);
-    e->Region.dwUnCommittedSize = static_cast<size_t>(s->end - s->commitEnd);
-    e->Region.lpFirstBlock = s->first;
-    e->Region.lpLastBlock = s->commitEnd;
+    e->data = s->base;
+    e->size = static_cast<size_t>(s->end - s->base);
+    e->overhead = static_cast<uint32_t>(cp(s->first) - s->base);
+    e->regionIndex = static_cast<uint8_t>(s->index);
+    e->flags = heap_entry_region;
+    e->region.committedSize = static_cast<size_t>(s->commitEnd - s->base);
+    e->region.uncommittedSize = static_cast<size_t>(s->end - s->commitEnd);
+    e->region.firstBlock = s->first;
+    e->region.lastBlock = s->commitEnd;
     e->walkSegment = s;
     e->walkNext = s->first;
     return true;
   }
-  e->Region = {};
-  e->iRegionIndex = static_cast<uint8_t>(s->index);
+  e->region = {};
+  e->regionIndex = static_cast<uint8_t>(s->index);
   if (next == kWalkUncommitted) {
     e->walkNext = kWalkSegmentDone;
     if (s->commitEnd < s->end) {
-      e->lpData = s->commitEnd;
-      e->cbData = static_cast<size_t>(s->end - s->commitEnd);
-      e->cbOverhead = 0;
-      e->wFlags = heap_entry_uncommitted_range;
+      e->data = s->commitEnd;
+      e->size = static_cast<size_t>(s->end - s->commitEnd);
+      e->overhead = 0;
+      e->flags = heap_entry_uncommitted_range;
       return true;
     }
     return region_heap_walk(h, e);
@@ -827,16 +827,16 @@ bool region_heap_walk(region_heap h, heap_entry* e) {
       bsize(b) < kMinBlock || bsize(b) > static_cast<size_t>(s->end - cp(b)))
     return fail(heap_error_invalid_data, false);
   const size_t size = bsize(b);
-  e->lpData = data(b);
+  e->data = data(b);
   if (busy(b)) {
     if (bpad(b) > size - kHeaderSize) return fail(heap_error_invalid_data, false);
-    e->cbData = size - kHeaderSize - bpad(b);
-    e->cbOverhead = static_cast<uint32_t>(kHeaderSize + bpad(b));
-    e->wFlags = heap_entry_busy;
+    e->size = size - kHeaderSize - bpad(b);
+    e->overhead = static_cast<uint32_t>(kHeaderSize + bpad(b));
+    e->flags = heap_entry_busy;
   } else {
-    e->cbData = static_cast<size_t>(std::min(cp(b) + size, s->commitEnd) - data(b));
-    e->cbOverhead = kHeaderSize;
-    e->wFlags = 0;
+    e->size = static_cast<size_t>(std::min(cp(b) + size, s->commitEnd) - data(b));
+    e->overhead = kHeaderSize;
+    e->flags = 0;
   }
   e->walkNext = last(b) ? kWalkUncommitted : cp(b) + size;
   return true;

@@ -15,10 +15,7 @@ namespace kvos {
 
 // Allocates the console. On success the device names to reopen standard
 // input and standard output/error on are returned.
-KVOS_API bool console_allocate(std::string& inputDevice, std::string& outputDevice);
-
-// Whether the process has allocated its console.
-KVOS_API bool console_allocated();
+[[nodiscard]] KVOS_API bool console_allocate(std::string& inputDevice, std::string& outputDevice);
 
 // A handle of the console's window: non-null while an allocated console is
 // shown in a terminal whose title can be set.
@@ -26,14 +23,12 @@ KVOS_API void* console_window();
 
 // Sets the terminal's title (an escape sequence to the console; control
 // characters in the title are dropped). False without an allocated console.
-KVOS_API bool console_set_title(const std::string& title);
-// The title last set through console_set_title; false when none was set.
-KVOS_API bool console_get_title(std::string& title);
+[[nodiscard]] KVOS_API bool console_set_title(const std::string& title);
 
 // Window operations. A terminal window belongs to the terminal program, so
 // these do nothing here and answer whether a console window exists.
-KVOS_API bool console_show_window(bool show);
-KVOS_API bool console_disable_close();
+[[nodiscard]] KVOS_API bool console_show_window(bool show);
+[[nodiscard]] KVOS_API bool console_disable_close();
 
 // Console control events.
 enum ConsoleEvent {
@@ -49,10 +44,10 @@ using ConsoleCtrlHandler = bool (*)(int event);
 
 // Installs (add true) or removes a handler for the three events; the last
 // handler installed is asked first. False without an allocated console.
-KVOS_API bool console_set_ctrl_handler(ConsoleCtrlHandler handler, bool add);
+[[nodiscard]] KVOS_API bool console_set_ctrl_handler(ConsoleCtrlHandler handler, bool add);
 
 // Restores the default processing of the interrupt event when the process
 // inherited it as ignored. False without an allocated console.
-KVOS_API bool console_restore_ctrl_c();
+[[nodiscard]] KVOS_API bool console_restore_ctrl_c();
 
 }  // namespace kvos

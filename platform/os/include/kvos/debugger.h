@@ -7,7 +7,7 @@
 namespace kvos {
 
 // True while a debugger (any tracer) is attached to this process.
-KVOS_API bool debugger_present();
+[[nodiscard]] KVOS_API bool debugger_present();
 
 // Stops in the attached debugger; does nothing when no debugger is attached.
 KVOS_API void debugger_break();

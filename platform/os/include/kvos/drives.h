@@ -25,9 +25,9 @@ enum DriveType {
 // Maps a drive letter (a..z, either case) to an absolute host directory; the
 // drive's remembered working directory starts again at its root. False for
 // another letter or a relative root. The directory need not exist yet.
-KVOS_API bool drive_map(int letter, const std::string& hostRoot);
+[[nodiscard]] KVOS_API bool drive_map(int letter, const std::string& hostRoot);
 // Removes a mapping; false when the letter was not mapped.
-KVOS_API bool drive_unmap(int letter);
+[[nodiscard]] KVOS_API bool drive_unmap(int letter);
 
 // The host root of a drive; empty when the letter is not mapped.
 KVOS_API std::string drive_root(int letter);
@@ -51,30 +51,30 @@ KVOS_API std::string network_root();
 // dots and spaces (as a name written on Windows is stored). False for an empty
 // text, an unmapped drive, a pseudo-drive ("!:", "&:"), or a network path
 // without a network root.
-KVOS_API bool dos_to_host(const std::string& dos, std::string& host);
+[[nodiscard]] KVOS_API bool dos_to_host(const std::string& dos, std::string& host);
 
 // Host path to DOS path on the mapped drive with the longest matching root
 // (relative host paths are taken from the working directory); a path below the
 // network root, when that root is longer, becomes "\\server\share\...". False
 // when no drive or network root holds it.
-KVOS_API bool host_to_dos(const std::string& host, std::string& dos);
+[[nodiscard]] KVOS_API bool host_to_dos(const std::string& host, std::string& dos);
 
 // The drive holding the process's working directory ('a'..'z'), or 0 when the
 // working directory lies on no mapped drive.
 KVOS_API int drive_current();
 
 // Makes a drive current by moving to its remembered working directory.
-KVOS_API bool drive_set_current(int letter);
+[[nodiscard]] KVOS_API bool drive_set_current(int letter);
 
 // The working directory of a drive as DOS text ("c:\tmp"): the process's own
 // for the current drive, the remembered one (initially the root, and the root
 // again when the remembered directory has gone) for others. False for an
 // unmapped letter.
-KVOS_API bool drive_getcwd(int letter, std::string& dos);
+[[nodiscard]] KVOS_API bool drive_getcwd(int letter, std::string& dos);
 
 // Changes the process's working directory to a DOS directory; the drive that
 // holds it becomes current, and the drive left behind remembers where it was.
-KVOS_API bool dos_chdir(const std::string& dos);
+[[nodiscard]] KVOS_API bool dos_chdir(const std::string& dos);
 
 // The type of a drive, from the mount table: unmapped or missing roots are
 // kDriveNoRoot, network file systems kDriveRemote, removable media kDriveRemovable.

@@ -8,10 +8,10 @@
 namespace kvos {
 
 // True when the variable exists; its value goes to *value when value is not null.
-KVOS_API bool env_get(const char* name, std::string* value = nullptr);
+[[nodiscard]] KVOS_API bool env_get(const char* name, std::string* value = nullptr);
 
 // Sets (value not null) or removes (value null) a variable; false on failure.
 // Changing a time-zone variable makes later local-time conversions follow it.
-KVOS_API bool env_set(const char* name, const char* value);
+[[nodiscard]] KVOS_API bool env_set(const char* name, const char* value);
 
 }  // namespace kvos

@@ -45,7 +45,7 @@ KVOS_API void fault_disarm_all();
 KVOS_API unsigned fault_hits(FaultPoint point);
 
 // For the boundary's own operations: true when this call is to fail.
-KVOS_API bool fault_check(FaultPoint point);
+[[nodiscard]] KVOS_API bool fault_check(FaultPoint point);
 
 // Disarms every point at construction and at destruction (for test scopes).
 class FaultScope {

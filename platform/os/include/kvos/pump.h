@@ -18,10 +18,9 @@ struct MessagePumpHooks {
 
 // Installs the hooks (copied; null or a set without peek removes the pump).
 KVOS_API void pump_install(const MessagePumpHooks* hooks);
-KVOS_API bool pump_installed();
 
-KVOS_API bool pump_peek();
-KVOS_API int pump_get();
+[[nodiscard]] KVOS_API bool pump_peek();
+[[nodiscard]] KVOS_API int pump_get();
 KVOS_API void pump_dispatch();
 
 }  // namespace kvos

@@ -29,7 +29,7 @@ constexpr int heap_error_invalid_data = 13;
 constexpr int heap_error_invalid_parameter = 87;
 constexpr int heap_error_no_more_items = 259;
 
-// Kinds of walk entries (heap_entry::wFlags). A free block has no flag.
+// Kinds of walk entries (heap_entry::flags). A free block has no flag.
 constexpr uint16_t heap_entry_region = 0x0001;
 constexpr uint16_t heap_entry_uncommitted_range = 0x0002;
 constexpr uint16_t heap_entry_busy = 0x0004;
@@ -39,17 +39,17 @@ constexpr uint16_t heap_entry_busy = 0x0004;
 // free blocks with the committed part of their space), then an uncommitted
 // range entry when part of the segment is not committed.
 struct heap_entry {
-  void* lpData = nullptr;  // region: the segment's first address; block: its data
-  size_t cbData = 0;       // region: reserved size; block: data size; range: its size
-  uint32_t cbOverhead = 0; // region: bytes of heap bookkeeping; block: header and padding
-  uint8_t iRegionIndex = 0;
-  uint16_t wFlags = 0;
+  void* data = nullptr;  // region: the segment's first address; block: its data
+  size_t size = 0;       // region: reserved size; block: data size; range: its size
+  uint32_t overhead = 0; // region: bytes of heap bookkeeping; block: header and padding
+  uint8_t regionIndex = 0;
+  uint16_t flags = 0;
   struct {
-    size_t dwCommittedSize = 0;
-    size_t dwUnCommittedSize = 0;
-    void* lpFirstBlock = nullptr;
-    void* lpLastBlock = nullptr;  // the end of the committed part
-  } Region;
+    size_t committedSize = 0;
+    size_t uncommittedSize = 0;
+    void* firstBlock = nullptr;
+    void* lastBlock = nullptr;  // the end of the committed part
+  } region;
   // Where the walk goes on; maintained by region_heap_walk.
   void* walkSegment = nullptr;
   void* walkNext = nullptr;
@@ -60,33 +60,33 @@ struct heap_entry {
 KVOS_API region_heap region_heap_create(size_t maximum);
 
 // Releases every page of the heap. False for a null heap.
-KVOS_API bool region_heap_destroy(region_heap heap);
+[[nodiscard]] KVOS_API bool region_heap_destroy(region_heap heap);
 
 // A zero-filled block of at least size bytes, 16-byte aligned; null on failure.
 KVOS_API void* region_heap_alloc(region_heap heap, size_t size);
 
 // Frees a busy block. False, leaving the heap as it was, when p is not the
 // start of a busy block of this heap or its neighbours are damaged.
-KVOS_API bool region_heap_free(region_heap heap, void* p);
+[[nodiscard]] KVOS_API bool region_heap_free(region_heap heap, void* p);
 
 // Resizes a busy block, in place when it can, otherwise by moving it; bytes
 // beyond the old size are zero. Null on failure, the old block left as it was.
 KVOS_API void* region_heap_realloc(region_heap heap, void* p, size_t size);
 
 // Whether p lies in the address space of one of the heap's segments.
-KVOS_API bool region_heap_contains(region_heap heap, const void* p);
+[[nodiscard]] KVOS_API bool region_heap_contains(region_heap heap, const void* p);
 
 // The size asked for a busy block; SIZE_MAX when p is not one.
 KVOS_API size_t region_heap_size(region_heap heap, const void* p);
 
 // Checks every block header, the block-start map and the free lists; false on
 // any inconsistency. Reads only; never faults on a damaged heap.
-KVOS_API bool region_heap_validate(region_heap heap);
+[[nodiscard]] KVOS_API bool region_heap_validate(region_heap heap);
 
-// Steps a walk: start with a default-constructed entry (lpData null) and call
+// Steps a walk: start with a default-constructed entry (data null) and call
 // until false (heap_error_no_more_items at the end, heap_error_invalid_data
 // when a damaged header stops the walk). The heap must not change during a walk.
-KVOS_API bool region_heap_walk(region_heap heap, heap_entry* entry);
+[[nodiscard]] KVOS_API bool region_heap_walk(region_heap heap, heap_entry* entry);
 
 // Gives the pages inside large free blocks back to the system, decommits a
 // free tail and releases empty extra segments. Returns the size of the largest

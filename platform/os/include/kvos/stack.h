@@ -42,16 +42,16 @@ KVOS_API void stack_thread_close(stack_thread_t thread);
 // Holds the thread still (counted, as nested suspensions are). False for a
 // null handle, for the calling thread itself (it could not read its own
 // stack while held) and for a thread that has ended.
-KVOS_API bool stack_thread_suspend(stack_thread_t thread);
+[[nodiscard]] KVOS_API bool stack_thread_suspend(stack_thread_t thread);
 // Undoes one suspension; false when the thread is not suspended.
-KVOS_API bool stack_thread_resume(stack_thread_t thread);
+[[nodiscard]] KVOS_API bool stack_thread_resume(stack_thread_t thread);
 
 // The frame-pointer register of a suspended thread; false when the thread is
 // not suspended.
-KVOS_API bool stack_thread_frame(stack_thread_t thread, uint64_t& framePointer);
+[[nodiscard]] KVOS_API bool stack_thread_frame(stack_thread_t thread, uint64_t& framePointer);
 
 // Copies size bytes at address into buffer; false, with nothing promised in
 // buffer, when any of them is not readable. Never faults.
-KVOS_API bool stack_read(uint64_t address, void* buffer, size_t size);
+[[nodiscard]] KVOS_API bool stack_read(uint64_t address, void* buffer, size_t size);
 
 }  // namespace kvos

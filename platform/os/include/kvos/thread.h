@@ -45,9 +45,9 @@ class KVOS_API ThreadRef {
 
   // Queues a routine to run on the thread at its next alertable wait. False
   // for an empty reference, an empty routine, or a thread that has ended.
-  bool queue_completion(Completion routine) const;
+  [[nodiscard]] bool queue_completion(Completion routine) const;
 
-  bool alive() const;
+  [[nodiscard]] bool alive() const;
   bool empty() const { return !state_; }
   bool operator==(const ThreadRef& other) const { return state_ == other.state_; }
 

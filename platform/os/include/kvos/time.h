@@ -34,17 +34,17 @@ struct CalendarTime {
 KVOS_API CalendarTime local_time_now();
 
 // File time <-> calendar time (pure arithmetic, no zone). False when out of range.
-KVOS_API bool file_time_to_calendar(int64_t fileTime, CalendarTime& out);
-KVOS_API bool calendar_to_file_time(const CalendarTime& in, int64_t& fileTime);
+[[nodiscard]] KVOS_API bool file_time_to_calendar(int64_t fileTime, CalendarTime& out);
+[[nodiscard]] KVOS_API bool calendar_to_file_time(const CalendarTime& in, int64_t& fileTime);
 
 // UTC file time <-> local file time, using the zone rules in force at that time.
-KVOS_API bool file_time_to_local(int64_t utc, int64_t& local);
-KVOS_API bool local_to_file_time(int64_t local, int64_t& utc);
+[[nodiscard]] KVOS_API bool file_time_to_local(int64_t utc, int64_t& local);
+[[nodiscard]] KVOS_API bool local_to_file_time(int64_t local, int64_t& utc);
 
 // File time <-> packed DOS date and time. DOS dates cover 1980..2107 and keep
 // seconds in steps of two; out-of-range times fail.
-KVOS_API bool file_time_to_dos(int64_t fileTime, uint16_t& dosDate, uint16_t& dosTime);
-KVOS_API bool dos_to_file_time(uint16_t dosDate, uint16_t dosTime, int64_t& fileTime);
+[[nodiscard]] KVOS_API bool file_time_to_dos(int64_t fileTime, uint16_t& dosDate, uint16_t& dosTime);
+[[nodiscard]] KVOS_API bool dos_to_file_time(uint16_t dosDate, uint16_t dosTime, int64_t& fileTime);
 
 // Host seconds since 1970 <-> file time.
 constexpr int64_t kFileTimeUnixEpoch = 116444736000000000LL;

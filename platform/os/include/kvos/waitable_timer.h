@@ -24,7 +24,7 @@ class KVOS_API WaitableTimer {
   WaitableTimer& operator=(const WaitableTimer&) = delete;
 
   // False when the timer could not be created; every operation then fails.
-  bool valid() const;
+  [[nodiscard]] bool valid() const;
 
   // Arms the timer for `due`, an absolute UTC file time; a negative value is
   // a time relative to now, in 100 ns units. The timer becomes unsignalled;
@@ -32,14 +32,14 @@ class KVOS_API WaitableTimer {
   // calling thread. Arming again replaces the earlier arming and its
   // completion; a completion that an earlier expiry queued and that has not
   // started to run is taken back as well.
-  bool arm(int64_t due, Completion completion = {});
+  [[nodiscard]] bool arm(int64_t due, Completion completion = {});
 
   // Stops a pending expiry and takes back its completion, also one that
   // expiry has queued already and that has not started to run (a routine
   // that is running finishes). The signalled state is left as it is, so a
   // timer cancelled before expiry stays unsignalled and one cancelled after
   // it stays signalled.
-  bool cancel();
+  [[nodiscard]] bool cancel();
 
   // Waits up to timeoutMs for the timer to be signalled (0 only tests it).
   WaitResult wait(uint32_t timeoutMs, bool alertable = false);
