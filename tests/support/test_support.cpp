@@ -177,6 +177,26 @@ std::string raised(const std::function<void()>& body) {
   return "(no error)";
 }
 
+#if !defined(_WIN32)
+// Coverage builds: a child ended with _exit writes its counters only when asked.
+extern "C" void __gcov_dump() __attribute__((weak));
+#endif
+
+// A child process runs body and leaves at once with its result (98: it threw).
+[[noreturn]] static void end_child(const std::function<int()>& body) {
+  int code = 99;
+  try {
+    code = body();
+  } catch (...) {
+    code = 98;
+  }
+  std::fflush(nullptr);
+#if !defined(_WIN32)
+  if (__gcov_dump != nullptr) __gcov_dump();
+#endif
+  _exit(code);
+}
+
 #if defined(_WIN32)
 int run_in_child(const std::function<int()>& body) {
   std::fflush(nullptr);
@@ -193,14 +213,7 @@ int run_in_child(const std::function<int()>& body) {
   if (role.call == call) {
     // The child: only body, then out at once, as a forked child leaves.
     std::signal(SIGABRT, on_child_abort);
-    int code = 99;
-    try {
-      code = body();
-    } catch (...) {
-      code = 98;
-    }
-    std::fflush(nullptr);
-    _exit(code);
+    end_child(body);
   }
   std::vector<std::string> results;
   for (int result : state.results) results.push_back(std::to_string(result));
@@ -281,24 +294,11 @@ int run_program(const std::string& program, const std::vector<std::string>& argu
   return static_cast<int>(code);
 }
 #else
-// Coverage builds: a child ended with _exit writes its counters only when asked.
-extern "C" void __gcov_dump() __attribute__((weak));
-
 int run_in_child(const std::function<int()>& body) {
   std::fflush(nullptr);
   const pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
-  if (pid == 0) {
-    int code = 99;
-    try {
-      code = body();
-    } catch (...) {
-      code = 98;
-    }
-    std::fflush(nullptr);
-    if (__gcov_dump != nullptr) __gcov_dump();
-    _exit(code);
-  }
+  if (pid == 0) end_child(body);
   int status = 0;
   waitpid(pid, &status, 0);
   return status;
